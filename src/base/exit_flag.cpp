@@ -1,0 +1,3 @@
+#include "base/exit_flag.h"
+
+std::atomic<int> nexit{0};
