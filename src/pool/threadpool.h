@@ -81,11 +81,10 @@ class threadpool {
 
  private:
   bool construct();
-  int refuse(int result);
+  int queue_item(void* item);
   void start_worker();
-  int wait_for_workers();
   void* next_item();
-  void end_worker();
+  int wait_for_workers();
 
   const bool constructed_;  // false when there is no mutex to lock
 };
