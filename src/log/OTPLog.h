@@ -1,7 +1,8 @@
 // The operation log: one text line per authentication outcome, in a file that is moved aside when it is full.
 //
 // A line is the UTC date and time as 19 characters, a TAB, the message and a line feed.  The file is opened for each
-// write-out and closed again, so it may be moved or removed from outside at any moment.
+// write-out and closed again, so it may be moved or removed from outside at any moment.  A backup has the name of the
+// file, followed by a stamp (the time in seconds, or one more than the last stamp) and ".bak.log".
 //
 // Threads  Any thread may call writelog and writefile.  Lock order: file mutex, then buffer mutex.
 // Memory   1024 bytes of buffer in the object; no line ever runs past it.
@@ -10,17 +11,20 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string_view>
 
+#include "base/locks.h"
+
 class COTPLog {
  public:
   // Prepares the log; no file is opened yet.
-  //   path       the log file, at most 259 characters; null means "./otplog.log".  A longer path is not cut to the
+  //   log_path   the log file, at most 259 characters; null means "./otplog.log".  A longer path is not cut to the
   //              name of another file: it is refused, and every write-out fails.
   //   max_bytes  a file of at least this size is moved aside at the next write-out; 0 or less moves it every time
-  COTPLog(const char* path, int max_bytes);
+  COTPLog(const char* log_path, int max_bytes);
 
   // Writes what the buffer holds.
   virtual ~COTPLog();
@@ -55,16 +59,18 @@ class COTPLog {
   pthread_mutex_t file_mutex{};           // guards the file and the write-out
 
  private:
-  enum WriteOut { kWritten, kKept, kFailed };
+  enum WriteOut { kWritten, kKept, kFailed };  // kKept: nothing written, since the size cannot be found
 
+  std::size_t room() const;
+  bool make_room(zelvan::ScopedLock& lock, std::size_t length);
+  void append(std::string_view line);
   WriteOut write_out();
   bool open_file();
   void close_file();
   bool rotate();
+  void raise_stamp();
   int write_bytes();
   void drop_written(int written);
-  bool fits(std::size_t length) const;
-  void append(std::string_view text);
 };
 
 // The log of this process; null when outcomes go to the database instead.  Set before the first worker starts.
