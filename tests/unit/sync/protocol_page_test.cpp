@@ -61,8 +61,15 @@ TEST_F(ProtocolPage, ShowsTheAcceptance) { EXPECT_EQ(block("accepted"), reply_to
 TEST_F(ProtocolPage, ShowsTheRefusal) { EXPECT_EQ(block("refused"), reply_to(request("wrong"))); }
 
 TEST_F(ProtocolPage, ShowsTheChallenge) {
-  token.type = "3";
-  EXPECT_EQ(block("challenge"), reply_to(request("4711")));
+  // The number is that of a random generator; everything else is fixed.
+  const auto shown = parse_sync_reply(block("challenge"));
+  ASSERT_TRUE(shown);
+  EXPECT_GE(shown->challenge, 1000U);
+  EXPECT_LE(shown->challenge, 999998U);
+  CSynpkg package;
+  build_sync_challenge(package, shown->challenge);
+  const auto bytes = packet_bytes(package);
+  EXPECT_EQ(block("challenge"), std::vector(bytes.begin(), bytes.end()));
 }
 
 }  // namespace
