@@ -52,10 +52,15 @@ bool check_last_use(CQENTDatabase& database, unsigned short column) {
   return read_text(database, column, text) != ColumnRead::failed;
 }
 
+// An account that needs no PIN may have none.
+bool read_pin(CQENTDatabase& database, unsigned short column, SyncToken& token) {
+  const ColumnRead result = read_text(database, column, token.pin);
+  return result == ColumnRead::read || (result == ColumnRead::null && token.auth_type != kSyncAuthTypeWithPin);
+}
+
 bool read_user_columns(CQENTDatabase& database, SyncAccount& account) {
-  return read_byte<kCodeSize>(database, 1, account.token.auth_type) &&
-         read_required(database, 2, account.token.pin) &&      //
-         read_required(database, 3, account.serial_number) &&  //
+  return read_byte<kCodeSize>(database, 1, account.token.auth_type) && read_pin(database, 2, account.token) &&  //
+         read_required(database, 3, account.serial_number) &&                                                   //
          check_last_use(database, 4);
 }
 

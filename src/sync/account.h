@@ -40,8 +40,9 @@ struct SyncAccount {
 //   user_name  NUL-terminated
 //   account    a fresh one; filled as far as reading got
 // Returns SYNC_ACCEPTED, or the negative result that refuses the request: SYNC_NOT_EXECUTED, SYNC_NO_ROW, or
-// SYNC_UNREADABLE for a column that fails, is NULL (preusedate excepted) or makes no token: an empty key, with which
-// anyone can compute the codes, or a time step of 0 or less of a time-stepped token.
+// SYNC_UNREADABLE for a column that fails, is NULL (except preusedate, and pin where the code stands alone: it then
+// reads as empty) or makes no token: an empty key, with which anyone can compute the codes, or a time step of 0 or less
+// of a time-stepped token.
 [[nodiscard]] sync_result load_account(CQENTDatabase& database, const char* user_name, SyncAccount& account);
 
 }  // namespace zelvan

@@ -62,11 +62,11 @@ bool keep_time_step(SyncToken& token, Bytes value) {
   return true;
 }
 
-// Deliberate: both bytes count as signed, so a length with a low byte of 0x80 or more is negative and never matches.
-int declared_length(Bytes header) {
-  const int high = static_cast<signed char>(header[1]);
-  const int low = static_cast<signed char>(header[2]);
-  return high * 256 | low;
+// Returns the length that a request declares; 0, which no datagram has, for one that is never answered.
+// Deliberate: both bytes count as signed, so a length with a byte of 0x80 or more is negative and matches no datagram.
+std::size_t declared_length(Bytes header) {
+  if (header[1] >= 0x80 || header[2] >= 0x80) return 0;
+  return static_cast<std::size_t>(header[1] << 8 | header[2]);
 }
 
 std::size_t put_attribute(std::span<unsigned char> out, SyncAttribute type, std::string_view value) {
@@ -182,7 +182,7 @@ std::size_t build_sync_request(std::span<unsigned char, kSyncRequestCapacity> ou
 
 std::optional<SyncRequest> parse_sync_request(Bytes datagram) {
   if (datagram.size() < kSyncHeaderSize || datagram[0] != SYNPKG_REQUEST) return std::nullopt;
-  if (declared_length(datagram) != static_cast<int>(datagram.size())) return std::nullopt;
+  if (declared_length(datagram) != datagram.size()) return std::nullopt;
 
   SyncRequest request;
   const Bytes area = datagram.subspan(kSyncHeaderSize);

@@ -119,6 +119,7 @@ TEST_F(AccountTest, NullColumnIsUnreadable) {
       [&] { token.window.reset(); },   [&] { token.time_step.reset(); }};
   for (std::size_t i = 0; i < columns.size(); ++i) {
     user = {};
+    user.auth_type = "2";
     token = {};
     columns[i]();
     account = {};
@@ -129,6 +130,16 @@ TEST_F(AccountTest, NullColumnIsUnreadable) {
 TEST_F(AccountTest, UserWhoNeverLoggedInIsServed) {
   user.last_use.reset();
   EXPECT_EQ(load_scripted(), SYNC_ACCEPTED);
+}
+
+TEST_F(AccountTest, NullPinIsEmptyWhereTheCodeStandsAlone) {
+  user.pin.reset();
+  for (const char* type : {"1", "0", "3"}) {
+    user.auth_type = type;
+    account = {};
+    EXPECT_EQ(load_scripted(), SYNC_ACCEPTED) << type;
+    EXPECT_STREQ(account.token.pin.data(), "");
+  }
 }
 
 TEST_F(AccountTest, EmptyKeyIsUnreadable) {

@@ -21,23 +21,22 @@ namespace {
 
 using Packet = std::vector<unsigned char>;
 
+Packet operator+(const Packet& a, const Packet& b) {
+  Packet both;
+  both.reserve(a.size() + b.size());
+  for (const unsigned char byte : a) both.push_back(byte);
+  for (const unsigned char byte : b) both.push_back(byte);
+  return both;
+}
+
 // A packet of that code around the attributes, with the right length.
 Packet packet(unsigned char code, const Packet& attributes) {
   const std::size_t size = attributes.size() + 3;
-  Packet whole{code, static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)};
-  whole.insert(whole.end(), attributes.begin(), attributes.end());
-  return whole;
+  return Packet{code, static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)} + attributes;
 }
 
 Packet attribute(unsigned char type, const std::string& value) {
-  Packet bytes{type, static_cast<unsigned char>(value.size() + 2)};
-  bytes.insert(bytes.end(), value.begin(), value.end());
-  return bytes;
-}
-
-Packet operator+(Packet a, const Packet& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
+  return Packet{type, static_cast<unsigned char>(value.size() + 2)} + Packet(value.begin(), value.end());
 }
 
 // The whole request "alice" with the attributes behind it.
