@@ -6,6 +6,7 @@ import time
 
 import pytest
 
+from testbed.daemon import wait_until
 from testbed.radius import ACCEPT
 
 DOWN = ["server starting...", "Zelvan down..."]
@@ -40,8 +41,7 @@ class TestStop:
         for number in range(50):
             client.send(client.request(identifier=number).user(user.name).pap("000000").bytes())
         client.receive()  # the first is answered; loopback has delivered the others, and the loop reads one a pass
-        while daemon.db.user(user)["failaccum"] < 40:
-            time.sleep(0.01)
+        wait_until(lambda: daemon.db.user(user)["failaccum"] >= 40, "40 failures")
         daemon.stop()
         assert 40 <= daemon.db.user(user)["failaccum"] <= 50
         assert len(daemon.log_messages()) == daemon.db.user(user)["failaccum"]
@@ -72,7 +72,4 @@ class TestWorkers:
         before = self.threads(daemon)
         for round_number in range(3):
             assert client.pap(user.name, user.code(round_number)).code == ACCEPT
-            deadline = time.monotonic() + 30
-            while self.threads(daemon) > before and time.monotonic() < deadline:
-                time.sleep(0.05)
-            assert self.threads(daemon) <= before
+            wait_until(lambda: self.threads(daemon) <= before, "the workers to leave")
