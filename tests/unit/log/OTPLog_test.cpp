@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -33,6 +35,14 @@ constexpr int kNever = INT_MAX;                // a maximum size that no test re
 constexpr std::size_t kLongestMessage = 1003;  // 1024 less the date, the TAB and the line feed
 
 std::string line(const std::string& message) { return "2023-11-14 22:13:20\t" + message + "\n"; }
+
+// Appends as another thread does between its own write-out and its next call.
+void append(COTPLog& log, const std::string& text) {
+  ASSERT_EQ(pthread_mutex_lock(&log.buffer_mutex), 0);
+  std::memcpy(log.buffer + log.buffered, text.data(), text.size());
+  log.buffered += static_cast<int>(text.size());
+  ASSERT_EQ(pthread_mutex_unlock(&log.buffer_mutex), 0);
+}
 
 // Limits the size of every file this process writes; a write beyond it comes out short, as on a full disk.
 class FileSizeLimit {
@@ -62,6 +72,7 @@ class Log : public zelvan::test::TempFolder {
     stream_faults.open = 0;
     stream_faults.seek = 0;
     stream_faults.tell = 0;
+    stream_faults.on_close = nullptr;
   }
   void TearDown() override { zelvan::test::clear_sleeps(); }
 
@@ -313,16 +324,44 @@ TEST_F(Log, LinesAppendedDuringARetryAreWrittenToo) {
   const FileSizeLimit limit(10);
   COTPLog log(path().c_str(), kNever);
   zelvan::test::on_sleep([&](unsigned long) {
-    const std::string more = line("meanwhile");
-    ASSERT_EQ(pthread_mutex_lock(&log.buffer_mutex), 0);
-    std::memcpy(log.buffer + log.buffered, more.data(), more.size());
-    log.buffered += static_cast<int>(more.size());
-    ASSERT_EQ(pthread_mutex_unlock(&log.buffer_mutex), 0);
+    append(log, line("meanwhile"));
     limit.set(RLIM_INFINITY);
   });
   ASSERT_EQ(log.writelog("first"), 1);
   EXPECT_EQ(log.writefile(), 1);
   EXPECT_EQ(read(path()), line("first") + line("meanwhile"));
+  EXPECT_EQ(log.buffered, 0);
+}
+
+TEST_F(Log, LinesAppendedAfterTheLastLookStayInTheBuffer) {
+  COTPLog log(path().c_str(), kNever);
+  ASSERT_EQ(log.writelog("a longer first line"), 1);
+  stream_faults.on_close = [&log] { append(log, line("late")); };
+  EXPECT_EQ(log.writefile(), 1);
+  EXPECT_EQ(read(path()), line("a longer first line"));
+  EXPECT_EQ(std::string(log.buffer, static_cast<std::size_t>(log.buffered)), line("late"));
+  EXPECT_EQ(log.writefile(), 1);
+  EXPECT_EQ(read(path()), line("a longer first line") + line("late"));
+}
+
+TEST_F(Log, BufferIsMovedUnderItsMutexOnly) {
+  COTPLog log(path().c_str(), kNever);
+  ASSERT_EQ(log.writelog("first"), 1);
+  std::promise<void> holding;
+  std::promise<void> done;
+  std::thread appender;
+  stream_faults.on_close = [&] {
+    appender = std::thread([&] {
+      ASSERT_EQ(pthread_mutex_lock(&log.buffer_mutex), 0);
+      holding.set_value();
+      EXPECT_EQ(done.get_future().wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+      EXPECT_EQ(pthread_mutex_unlock(&log.buffer_mutex), 0);
+    });
+    holding.get_future().wait();
+  };
+  EXPECT_EQ(log.writefile(), 1);
+  done.set_value();
+  appender.join();
   EXPECT_EQ(log.buffered, 0);
 }
 

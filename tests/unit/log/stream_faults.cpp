@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 namespace zelvan::test {
 StreamFaults stream_faults;
@@ -27,6 +28,12 @@ extern "C" {
 std::FILE* __real_fopen(const char*, const char*);
 std::FILE* __wrap_fopen(const char* path, const char* mode) {
   return fails(stream_faults.open) ? nullptr : __real_fopen(path, mode);
+}
+
+int __real_fclose(std::FILE*);
+int __wrap_fclose(std::FILE* stream) {
+  if (stream_faults.on_close) std::exchange(stream_faults.on_close, nullptr)();
+  return __real_fclose(stream);
 }
 
 int __real_fseeko(std::FILE*, off_t, int);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 
 namespace zelvan::test {
 
@@ -10,6 +11,9 @@ struct StreamFaults {
   std::atomic<int> open{0};
   std::atomic<int> seek{0};
   std::atomic<int> tell{0};
+
+  // Runs before the next fclose, once.
+  std::function<void()> on_close;
 };
 
 extern StreamFaults stream_faults;
