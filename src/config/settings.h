@@ -20,7 +20,7 @@ extern int ng_pwdlen[3];         // digits of a code by token class, 1 to 10; ke
 extern int ng_wnd;               // codes tried ahead of the stored counter, 0 and up
 extern int ng_otpkeylen;         // length of a token's key in bytes, 1 and up
 extern int ng_logmode;           // 1 = operation log file; any other value = rows of the table commonloginfo
-extern int ng_logcond;           // which authentication outcomes are recorded, a small number
+extern int ng_logcond;           // outcomes recorded: 1 all, 2 failures, 3 successes, any other value none
 extern int ng_dbtype;            // SQL dialect: 4 function, 3 convert, any other plain
 extern int ng_maxaccum;          // failures in a row that lock an account, 1 and up
 extern int ng_mail_need;         // 1 = warn by mail; 0 = no mail; any other value = mail settings demanded, none sent
