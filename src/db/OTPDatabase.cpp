@@ -1,0 +1,155 @@
+#include "db/OTPDatabase.h"
+
+#include <sqlext.h>
+#include <strings.h>
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "base/clock.h"
+#include "base/locks.h"
+#include "db/statements.h"
+
+COTPDatabase otp_database;
+pthread_mutex_t dbrecon_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace zelvan {
+
+void WipeText::operator()(SQLCHAR* text) const {
+  explicit_bzero(text, std::strlen(reinterpret_cast<const char*>(text)));
+  delete[] text;
+}
+
+}  // namespace zelvan
+
+namespace {
+
+// ODBC passes integer attributes in the pointer argument.
+SQLPOINTER integer_attribute(std::uintptr_t value) { return reinterpret_cast<SQLPOINTER>(value); }
+
+// The process-wide pooling attribute.  Its value is 2, which sqlext.h calls SQL_CP_ONE_PER_HENV.
+constexpr std::uintptr_t kConnectionPooling = 2;
+
+bool set_attribute(SQLHENV environment, SQLINTEGER attribute, std::uintptr_t value) {
+  return SQLSetEnvAttr(environment, attribute, integer_attribute(value), 0) != SQL_ERROR;
+}
+
+// Tells the statement builder how the DBMS at the other end reads a backslash.  Without an answer nothing changes.
+void note_backslash_escapes(SQLHDBC connection) {
+  std::array<char, 128> name{};
+  const SQLRETURN code =
+      SQLGetInfo(connection, SQL_DBMS_NAME, name.data(), static_cast<SQLSMALLINT>(name.size() - 1), nullptr);
+  if (!SQL_SUCCEEDED(code)) return;
+  zelvan::set_backslash_escapes(strcasestr(name.data(), "mariadb") != nullptr ||
+                                strcasestr(name.data(), "mysql") != nullptr);
+}
+
+}  // namespace
+
+COTPDatabase::COTPDatabase() : last_reconnect_(zelvan::now_seconds()) {}
+
+COTPDatabase::~COTPDatabase() { (void)COTPDatabase::DBDisconnect(); }
+
+int COTPDatabase::DBConnect(const SQLCHAR* dsn, SQLSMALLINT /*dsn_length*/, const SQLCHAR* uid,
+                            SQLSMALLINT /*uid_length*/, const SQLCHAR* pwd, SQLSMALLINT /*pwd_length*/) {
+  release_handles();
+  dsn_ = copy_of(dsn);
+  uid_ = copy_of(uid);
+  pwd_ = copy_of(pwd);
+
+  const SQLRETURN code = allocate_handles() ? connect() : SQLRETURN{SQL_ERROR};
+  if (code == SQL_ERROR) {
+    release_handles();
+    return zelvan::kConnectFailed;
+  }
+  // Deliberate: a code that is neither a success nor SQL_ERROR is reported as it is, with the object connected all the
+  // same; the caller decides.
+  connected_ = 1;
+  if (!SQL_SUCCEEDED(code)) return code;
+  note_backslash_escapes(connection_);
+  return zelvan::kConnected;
+}
+
+int COTPDatabase::DBDisconnect() {
+  if (connected_ == 0) {
+    free_texts();
+    return zelvan::kDisconnected;
+  }
+  // At exit a thread that outlives main may still be reconnecting.
+  const zelvan::ScopedLock lock(dbrecon_mutex);
+  free_texts();
+  if (SQLDisconnect(connection_) == SQL_ERROR) return zelvan::kDisconnectFailed;
+  connected_ = 0;
+  if (SQLFreeHandle(SQL_HANDLE_DBC, connection_) == SQL_ERROR) return zelvan::kDisconnectFailed;
+  connection_ = SQL_NULL_HDBC;
+  return SQLFreeHandle(SQL_HANDLE_ENV, std::exchange(environment_, nullptr));
+}
+
+int COTPDatabase::DBReConnect() {
+  const zelvan::ScopedLock lock(dbrecon_mutex);
+  if (zelvan::now_seconds() - last_reconnect_ <= zelvan::kReconnectPause) return zelvan::kReconnectTooSoon;
+
+  // The handle is withdrawn before it is freed, so that no statement object starts with a freed one.
+  const SQLHDBC old = connection_.exchange(SQL_NULL_HDBC);
+  (void)SQLDisconnect(old);
+  (void)SQLFreeHandle(SQL_HANDLE_DBC, old);
+
+  // Deliberate: without a new handle the connection stays null, later statement objects are unconnected and nothing
+  // asks for a reconnect any more: the server is without database until it is restarted.
+  SQLHDBC fresh = SQL_NULL_HDBC;
+  if (!SQL_SUCCEEDED(SQLAllocHandle(SQL_HANDLE_DBC, environment_, &fresh))) return zelvan::kReconnectNoHandle;
+  connection_ = fresh;
+
+  const SQLRETURN code = connect();
+  if (!SQL_SUCCEEDED(code)) return code;
+  last_reconnect_ = zelvan::now_seconds();
+  return zelvan::kReconnected;
+}
+
+void COTPDatabase::borrow_connection(const COTPDatabase& source) {
+  connection_ = source.connection();
+  connected_ = connection_ != SQL_NULL_HDBC ? 1 : 0;
+}
+
+void COTPDatabase::forget_connection() {
+  connected_ = 0;
+  connection_ = SQL_NULL_HDBC;
+}
+
+COTPDatabase::Text COTPDatabase::copy_of(const SQLCHAR* text) {
+  const char* const characters = text != nullptr ? reinterpret_cast<const char*>(text) : "";
+  const std::size_t size = std::strlen(characters) + 1;
+  Text copy(new SQLCHAR[size]);
+  std::memcpy(copy.get(), characters, size);
+  return copy;
+}
+
+bool COTPDatabase::allocate_handles() {
+  if (!set_attribute(SQL_NULL_HENV, SQL_ATTR_CONNECTION_POOLING, kConnectionPooling)) return false;
+  if (SQLAllocHandle(SQL_HANDLE_ENV, SQL_NULL_HANDLE, &environment_) == SQL_ERROR) return false;
+  if (!set_attribute(environment_, SQL_ATTR_ODBC_VERSION, SQL_OV_ODBC3)) return false;
+  SQLHDBC fresh = SQL_NULL_HDBC;
+  if (SQLAllocHandle(SQL_HANDLE_DBC, environment_, &fresh) == SQL_ERROR) return false;
+  connection_ = fresh;
+  return true;
+}
+
+SQLRETURN COTPDatabase::connect() {
+  return SQLConnect(connection_, dsn_.get(), SQL_NTS, uid_.get(), SQL_NTS, pwd_.get(), SQL_NTS);
+}
+
+void COTPDatabase::release_handles() {
+  if (connected_.exchange(0) != 0) (void)SQLDisconnect(connection_);
+  const SQLHDBC connection = connection_.exchange(SQL_NULL_HDBC);
+  if (connection != SQL_NULL_HDBC) (void)SQLFreeHandle(SQL_HANDLE_DBC, connection);
+  const SQLHENV environment = std::exchange(environment_, nullptr);
+  if (environment != SQL_NULL_HENV) (void)SQLFreeHandle(SQL_HANDLE_ENV, environment);
+}
+
+void COTPDatabase::free_texts() {
+  dsn_.reset();
+  uid_.reset();
+  pwd_.reset();
+}

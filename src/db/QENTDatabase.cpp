@@ -1,0 +1,163 @@
+#include "db/QENTDatabase.h"
+
+#include <sqlext.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "base/text.h"
+
+static_assert(std::is_same_v<SQLLEN, long> && std::is_same_v<SQLULEN, unsigned long>, "GetData hands pointers through");
+
+namespace {
+
+// Deliberate: leading blanks are not skipped, so a select that begins with one runs as a non-select and its result set
+// is discarded.
+bool is_select(const char* sql) { return strncasecmp(sql, "select", 6) == 0; }
+
+// SQLExecDirect takes a text that it does not write to without const.
+SQLRETURN execute(SQLHSTMT statement, const char* sql) {
+  return SQLExecDirect(statement, reinterpret_cast<SQLCHAR*>(const_cast<char*>(sql)), SQL_NTS);
+}
+
+}  // namespace
+
+CQENTDatabase::CQENTDatabase() : borrowed_(0), source_(nullptr) {}
+
+CQENTDatabase::CQENTDatabase(COTPDatabase* source) : borrowed_(1), source_(source) {
+  if (source != nullptr) borrow_connection(*source);
+}
+
+CQENTDatabase::~CQENTDatabase() {
+  if (statement_ != SQL_NULL_HSTMT) {
+    (void)close_cursor();
+    (void)free_statement();
+  }
+  (void)CQENTDatabase::DBDisconnect();
+}
+
+int CQENTDatabase::DBConnect(const SQLCHAR* dsn, SQLSMALLINT dsn_length, const SQLCHAR* uid, SQLSMALLINT uid_length,
+                             const SQLCHAR* pwd, SQLSMALLINT pwd_length) {
+  if (borrowed_ != 0) return zelvan::kConnected;
+  return COTPDatabase::DBConnect(dsn, dsn_length, uid, uid_length, pwd, pwd_length);
+}
+
+int CQENTDatabase::DBDisconnect() {
+  if (borrowed_ == 0) return COTPDatabase::DBDisconnect();
+  const SQLRETURN code = statement_ != SQL_NULL_HSTMT ? free_statement() : SQLRETURN{SQL_SUCCESS};
+  forget_connection();
+  return code;
+}
+
+int CQENTDatabase::ExecuteDirect(const char* sql) {
+  if (sql == nullptr || connection() == SQL_NULL_HDBC) return zelvan::kNotExecuted;
+  return is_select(sql) ? execute_select(sql) : execute_update(sql);
+}
+
+int CQENTDatabase::execute_select(const char* sql) {
+  if (statement_ != SQL_NULL_HSTMT) {
+    if (close_cursor() == SQL_ERROR) return zelvan::kNotExecuted;
+  } else if (!open_statement()) {
+    return fail_and_reconnect();
+  }
+  // Deliberate: only SQL_ERROR is a failure.  A select on a connection that a reconnect has freed is answered with
+  // SQL_INVALID_HANDLE and counts as executed; its FetchRow then fails.
+  if (execute(statement_, sql) != SQL_ERROR) return zelvan::kExecuted;
+  (void)free_statement();
+  return fail_and_reconnect();
+}
+
+int CQENTDatabase::execute_update(const char* sql) {
+  if (statement_ != SQL_NULL_HSTMT) {
+    if (close_cursor() == SQL_ERROR) return zelvan::kNotExecuted;
+    (void)free_statement();
+  }
+  if (!open_statement()) return fail_and_reconnect();
+  const SQLRETURN executed = execute(statement_, sql);
+  const SQLRETURN freed = free_statement();
+  if (executed == SQL_ERROR) return fail_and_reconnect();
+  // On a connection that a reconnect has freed every call answers SQL_INVALID_HANDLE, this release too: an update that
+  // never ran is not reported as executed.
+  return SQL_SUCCEEDED(freed) ? zelvan::kExecuted : zelvan::kNotExecuted;
+}
+
+// Allocates the statement handle.  It stays null when the driver manager does not make one.
+bool CQENTDatabase::open_statement() {
+  SQLHSTMT fresh = SQL_NULL_HSTMT;
+  const SQLRETURN code = SQLAllocHandle(SQL_HANDLE_STMT, connection(), &fresh);
+  if (code == SQL_ERROR) return false;
+  statement_ = fresh;
+  return true;
+}
+
+SQLRETURN CQENTDatabase::close_cursor() { return SQLFreeStmt(statement_, SQL_CLOSE); }
+
+SQLRETURN CQENTDatabase::free_statement() { return SQLFreeHandle(SQL_HANDLE_STMT, std::exchange(statement_, nullptr)); }
+
+// The failed text is not run again, and whether the reconnect succeeded is not looked at: this object goes on with its
+// copy of the old handle, objects made later use the new one.
+int CQENTDatabase::fail_and_reconnect() {
+  if (source_ != nullptr) (void)source_->DBReConnect();
+  return zelvan::kNotExecuted;
+}
+
+int CQENTDatabase::FetchRow() {
+  if (statement_ == SQL_NULL_HSTMT) return zelvan::kFetchNoStatement;
+  switch (SQLFetch(statement_)) {
+    case SQL_SUCCESS:
+    case SQL_SUCCESS_WITH_INFO:
+      return zelvan::kFetched;
+    case SQL_NO_DATA:
+      return zelvan::kNoData;
+    case SQL_ERROR:
+      return zelvan::kFetchError;
+    default:
+      return zelvan::kFetchUnexpected;
+  }
+}
+
+int CQENTDatabase::GetData(unsigned short column, void* buffer, long length, long* indicator, short type) {
+  if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
+  const SQLRETURN code = SQLGetData(statement_, column, type, buffer, length, indicator);
+  return SQL_SUCCEEDED(code) ? zelvan::kColumnRead : zelvan::kColumnFailed;
+}
+
+int CQENTDatabase::DescribeCol(short column, unsigned char* name, short length, short* name_length, short* data_type,
+                               unsigned long* column_size, short* decimal_digits, short* nullable) {
+  if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
+  const SQLRETURN code = SQLDescribeCol(statement_, static_cast<SQLUSMALLINT>(column), name, length, name_length,
+                                        data_type, column_size, decimal_digits, nullable);
+  return SQL_SUCCEEDED(code) ? zelvan::kColumnRead : zelvan::kColumnFailed;
+}
+
+int CQENTDatabase::ColuminRow() {
+  if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
+  SQLSMALLINT count = 0;
+  if (!SQL_SUCCEEDED(SQLNumResultCols(statement_, &count))) return zelvan::kColumnFailed;
+  return count;
+}
+
+namespace zelvan {
+
+ColumnRead read_text(CQENTDatabase& database, unsigned short column, std::span<char> out) {
+  if (out.empty()) return ColumnRead::failed;
+  // Read aside, so that a driver that fails half-way leaves `out` as it was.
+  std::array<char, kLongestColumnText + 1> text{};
+  const std::size_t capacity = std::min(out.size(), text.size());
+  long indicator = 0;
+  auto result = ColumnRead::failed;
+  if (database.GetData(column, text.data(), static_cast<long>(capacity), &indicator, SQL_C_CHAR) == kColumnRead) {
+    result = indicator == SQL_NULL_DATA ? ColumnRead::null : ColumnRead::read;
+    const std::size_t length = result == ColumnRead::read ? strnlen(text.data(), capacity - 1) : 0;
+    (void)copy_text(out, std::string_view(text.data(), length));  // fits: length < out.size()
+  }
+  explicit_bzero(text.data(), text.size());  // it may be a PIN or a key
+  return result;
+}
+
+}  // namespace zelvan
