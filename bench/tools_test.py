@@ -58,9 +58,8 @@ class Server(threading.Thread):
 
     def run(self):
         while True:
-            try:
-                packet, client = self.socket.recvfrom(4096)
-            except OSError:
+            packet, client = self.socket.recvfrom(4096)
+            if not packet:
                 return
             answer = self.answer(packet)
             if answer:
@@ -80,6 +79,10 @@ class Server(threading.Thread):
         return head + (bytes(16) if self.fault == "unsigned" else sign)
 
     def close(self):
+        """Ends the thread by an empty datagram first: it must not go on with a descriptor that another test gets."""
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as ender:
+            ender.sendto(b"", ("127.0.0.1", self.port))
+        self.join()
         self.socket.close()
 
 
