@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <latch>
 #include <thread>
 #include <vector>
 
@@ -36,11 +37,13 @@ TEST(Challenge, OneSecondGivesOnePairWhateverOtherThreadsDraw) {
   for (int t = 0; t < kThreads; ++t) expected.push_back(draw_pair(1000 + t));
 
   std::vector<int> wrong(kThreads, 0);
+  std::latch start(kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       const auto index = static_cast<std::size_t>(t);
-      for (int i = 0; i < 5000; ++i) {
+      start.arrive_and_wait();
+      for (int i = 0; i < 20000; ++i) {
         const auto pair = draw_pair(1000 + t);
         if (pair.r1 != expected[index].r1 || pair.r2 != expected[index].r2) ++wrong[index];
       }
