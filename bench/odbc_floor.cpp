@@ -1,5 +1,6 @@
 // zelvan-odbc-floor: how many times a second the statements of a right code run over plain ODBC on a data source.
 #include <fmt/format.h>
+#include <sys/resource.h>
 
 #include <CLI/CLI.hpp>
 #include <atomic>
@@ -80,10 +81,25 @@ Connections connect_all(const Options& options) {
   return connections;
 }
 
-// Returns the sequences a second.
-double measure(const Options& options, const std::vector<User>& users) {
+// User and system time of this process so far, in microseconds.
+double cpu_microseconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  const auto microseconds = [](const timeval& time) {
+    return 1e6 * static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec);
+  };
+  return microseconds(usage.ru_utime) + microseconds(usage.ru_stime);
+}
+
+struct Rates {
+  double sequences_per_second;
+  double cpu_us;  // processor time of one sequence, microseconds
+};
+
+Rates measure(const Options& options, const std::vector<User>& users) {
   const Connections connections = connect_all(options);
   Run run;
+  const double cpu_before = cpu_microseconds();
   const auto start = Clock::now();
   run.stop = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options.seconds));
   {
@@ -94,16 +110,17 @@ double measure(const Options& options, const std::vector<User>& users) {
     }
   }
   if (run.error) std::rethrow_exception(run.error);
-  return static_cast<double>(run.sequences) / std::chrono::duration<double>(Clock::now() - start).count();
+  const auto done = static_cast<double>(run.sequences);
+  return {done / std::chrono::duration<double>(Clock::now() - start).count(), (cpu_microseconds() - cpu_before) / done};
 }
 
 int run_floor(const Options& options) {
   const auto users = options.users_file.empty() ? pattern_users(options.pattern) : read_users(options.users_file);
   if (users.size() < options.threads) throw std::runtime_error("there must be at least one user for each thread");
-  const double rate = measure(options, users);
-  fmt::print(fmt::runtime(options.json ? "{{\"sequences_per_second\": {:.1f}, \"threads\": {}}}\n"
-                                       : "sequences/s  {:.1f}  ({} threads)\n"),
-             rate, options.threads);
+  const Rates rates = measure(options, users);
+  fmt::print(fmt::runtime(options.json ? "{{\"sequences_per_second\": {:.1f}, \"cpu_us\": {:.1f}, \"threads\": {}}}\n"
+                                       : "sequences/s  {:.1f}  (processor time {:.1f} us a sequence, {} threads)\n"),
+             rates.sequences_per_second, rates.cpu_us, options.threads);
   return 0;
 }
 

@@ -208,7 +208,7 @@ class FloorTest(unittest.TestCase):
         self.check("--threads", 2, "--connection-per-thread")
 
     def test_fresh_handles(self):
-        self.check("--threads", 2, "--fresh-handles")
+        self.check("--threads", 1, "--fresh-handles")
 
     def test_a_missing_user_ends_the_run_with_an_error(self):
         done = self.floor("--pattern", 9)
