@@ -1,0 +1,3 @@
+#include "server/startup.h"
+
+int main() { return zelvan::run(); }
