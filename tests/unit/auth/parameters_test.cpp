@@ -465,6 +465,7 @@ INSTANTIATE_TEST_SUITE_P(Elapsed, TimeStepped,
                                            Advance{300, "30", "1", 30, 10},     //
                                            Advance{300, "30", "0", 30, 10},     //
                                            Advance{300, "30", "10", 0, 10},     //
+                                           Advance{300, "30", "-1", 30, 0},     // rounded down to minus one
                                            Advance{300, "30", "-4", 30, 0},     // a huge half, compared unsigned
                                            Advance{-1, "30", "1", 30, 0},       // less than a step ahead of the clock
                                            Advance{-29, "30", "10", 30, 0},     //
