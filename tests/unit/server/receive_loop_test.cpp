@@ -64,19 +64,15 @@ class Record {
   }
 
   void take(Item item) {
-    {
-      const std::scoped_lock lock(mutex_);
-      items_.push_back(std::move(item));
-    }
+    const std::scoped_lock lock(mutex_);
+    items_.push_back(std::move(item));
     changed_.notify_all();
   }
 
   void thread_started(const char* name, std::uint16_t port) {
-    {
-      const std::scoped_lock lock(mutex_);
-      threads_.emplace_back(name);
-      if (port != 0) port_ = port;
-    }
+    const std::scoped_lock lock(mutex_);
+    threads_.emplace_back(name);
+    if (port != 0) port_ = port;
     changed_.notify_all();
   }
 
@@ -124,7 +120,7 @@ class Record {
   std::uint16_t port_ = 0;
 };
 
-Record record;
+Record& record = *new Record;  // outlives the detached threads
 std::atomic<bool> hold_workers{false};
 std::atomic<int> sockets_made{0};
 std::atomic<bool> socket_fails{false};
