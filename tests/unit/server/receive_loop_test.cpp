@@ -455,7 +455,9 @@ TEST_F(ReceiveLoop, FailedSelectIsFollowedByAPauseOfAMillisecond) {
   selects_to_fail = 3;
   wake();
   EXPECT_TRUE(is_taken(datagram(20, 0x11)));
-  EXPECT_THAT(zelvan::test::sleeps(), ElementsAre(1, 1, 1));
+  const auto pauses = zelvan::test::sleeps();  // a slow machine adds those of a select that timed out
+  EXPECT_GE(pauses.size(), 3U);
+  EXPECT_THAT(pauses, Each(1));
 }
 
 TEST_F(ReceiveLoop, SecondWithoutDatagramEndsInAPauseAndALookAtTheExitFlag) {
