@@ -27,7 +27,9 @@ void WipeText::operator()(SQLCHAR* text) const {
 namespace {
 
 // ODBC passes integer attributes in the pointer argument.
-SQLPOINTER integer_attribute(std::uintptr_t value) { return reinterpret_cast<SQLPOINTER>(value); }
+SQLPOINTER integer_attribute(std::uintptr_t value) {
+  return reinterpret_cast<SQLPOINTER>(value);  // NOLINT(performance-no-int-to-ptr)
+}
 
 // The process-wide pooling attribute.  Its value is 2, which sqlext.h calls SQL_CP_ONE_PER_HENV.
 constexpr std::uintptr_t kConnectionPooling = 2;

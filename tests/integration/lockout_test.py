@@ -124,13 +124,13 @@ def test_the_limit_is_a_setting(prepare, limit):
 class TestWarning:
     """A listening socket in place of the mail server: is a connection made at all?"""
 
-    def warned(self, prepare, mail, locked=0, **changes):
-        daemon = prepare(changes)
+    def warned(self, prepare, address, locked=0, need=1):
+        daemon = prepare({"mail": {"otp_mail_need": need}})
         with socket.create_server(("127.0.0.1", daemon.smtp_port)) as server:
             daemon.start()
-            user = daemon.db.add_user(mail=mail, failures=4, locked=locked)
+            user = daemon.db.add_user(mail=address, failures=4, locked=locked)
             daemon.client().pap(user.name, WRONG)
-            if changes.get("mail", {}).get("otp_mail_need", 1) == 1:
+            if need == 1:
                 server.settimeout(0.1)
                 made = accept_until(server, daemon)
             else:
@@ -151,7 +151,7 @@ class TestWarning:
 
     @pytest.mark.parametrize("need", [0, 2])
     def test_only_mail_need_1_sends(self, prepare, need):
-        assert not self.warned(prepare, "alice@example.org", mail={"otp_mail_need": need})
+        assert not self.warned(prepare, "alice@example.org", need=need)
 
 
 def accepted(server):

@@ -1,6 +1,7 @@
 """Start-up: the start-up log word for word, the silent ends, the limits of the settings, what the process is like."""
 
 import os
+import time
 
 import pytest
 
@@ -63,11 +64,23 @@ class TestDatabaseSettings:
     def test_refused(self, prepare, key, value):
         assert prepare({"DataBase": {key: value}}).run_to_its_end() == [STARTING, NO_DATABASE_SETTINGS]
 
-    def test_36_characters_are_taken_whole(self, prepare):
-        name = "d" * 36
-        daemon = prepare({"DataBase": {"otp_dsn": name, "otp_uid": "u" * 36, "otp_pwd": "p" * 36}})
+    def test_user_and_password_of_36_characters_are_taken(self, prepare):
+        assert serves(prepare({"DataBase": {"otp_uid": "u" * 36, "otp_pwd": "p" * 36}}).start())
+
+    def test_a_data_source_name_is_passed_on_whole(self, prepare):
+        """32 characters are the most that unixODBC takes."""
+        name = "d" * 32
+        daemon = prepare({"DataBase": {"otp_dsn": name}})
         daemon.add_data_source(name)
         assert serves(daemon.start())
+
+    def test_a_data_source_name_of_36_characters_is_tried(self, prepare):
+        """unixODBC refuses it, so the server goes on trying instead of stopping at the settings."""
+        daemon = prepare({"DataBase": {"otp_dsn": "d" * 36}})
+        assert daemon.launch() == 0
+        time.sleep(2)
+        assert daemon.processes() and daemon.server_messages() == [STARTING]
+        daemon.kill()
 
     def test_an_indented_key_is_never_found(self, prepare):
         assert prepare({"DataBase": {"otp_dsn": None, "  otp_dsn": "zelvan"}}).run_to_its_end() == [
