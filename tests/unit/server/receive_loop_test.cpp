@@ -42,9 +42,11 @@ std::atomic<int> nmailthreadclose{0};
 namespace {
 
 using namespace std::chrono_literals;
+using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 
 using Bytes = std::vector<unsigned char>;
 
@@ -64,19 +66,15 @@ class Record {
   }
 
   void take(Item item) {
-    {
-      const std::scoped_lock lock(mutex_);
-      items_.push_back(std::move(item));
-    }
+    const std::scoped_lock lock(mutex_);
+    items_.push_back(std::move(item));
     changed_.notify_all();
   }
 
   void thread_started(const char* name, std::uint16_t port) {
-    {
-      const std::scoped_lock lock(mutex_);
-      threads_.emplace_back(name);
-      if (port != 0) port_ = port;
-    }
+    const std::scoped_lock lock(mutex_);
+    threads_.emplace_back(name);
+    if (port != 0) port_ = port;
     changed_.notify_all();
   }
 
@@ -104,15 +102,15 @@ class Record {
     return port_;
   }
 
-  void wait_for_threads(std::size_t count) {
+  // Waits until a thread body of that name runs.
+  void wait_for_thread(const char* name) {
     std::unique_lock lock(mutex_);
-    EXPECT_TRUE(changed_.wait_for(lock, 20s, [&] { return threads_.size() >= count; }));
+    EXPECT_TRUE(changed_.wait_for(lock, 20s, [&] { return std::ranges::count(threads_, name) > 0; })) << name;
   }
 
-  // Names of the thread bodies that ran, in the order of the alphabet.
-  std::vector<std::string> threads() {
+  // Names of the thread bodies that ran.
+  [[nodiscard]] std::vector<std::string> threads() {
     const std::scoped_lock lock(mutex_);
-    std::ranges::sort(threads_);
     return threads_;
   }
 
@@ -124,7 +122,7 @@ class Record {
   std::uint16_t port_ = 0;
 };
 
-Record record;
+Record& record = *new Record;  // outlives the detached threads
 std::atomic<bool> hold_workers{false};
 std::atomic<int> sockets_made{0};
 std::atomic<bool> socket_fails{false};
@@ -150,6 +148,12 @@ void* senddata(void* /*unused*/) {
 
 void* otp_sendmail(void* /*argument*/) {
   record.thread_started("otp_sendmail", 0);
+  return nullptr;
+}
+
+void* synsecretinfo(void* exit_flag) {
+  EXPECT_EQ(exit_flag, &nexit);
+  record.thread_started("synsecretinfo", 0);
   return nullptr;
 }
 
@@ -350,13 +354,12 @@ TEST_F(ReceiveLoop, MailThreadIsStartedOnlyWhenMailIsExactly1) {
     ng_mail_need = need;
     start();
     stop();
-    EXPECT_THAT(record.threads(), ElementsAre("senddata")) << need;
+    EXPECT_THAT(record.threads(), Not(Contains("otp_sendmail"))) << need;
   }
   SetUp();
   ng_mail_need = 1;
   start();
-  record.wait_for_threads(2);
-  EXPECT_THAT(record.threads(), ElementsAre("otp_sendmail", "senddata"));
+  record.wait_for_thread("otp_sendmail");
 }
 
 TEST_F(ReceiveLoop, DatagramOf19BytesIsDropped) {
@@ -459,7 +462,9 @@ TEST_F(ReceiveLoop, FailedSelectIsFollowedByAPauseOfAMillisecond) {
   selects_to_fail = 3;
   wake();
   EXPECT_TRUE(is_taken(datagram(20, 0x11)));
-  EXPECT_THAT(zelvan::test::sleeps(), ElementsAre(1, 1, 1));
+  const auto pauses = zelvan::test::sleeps();  // a slow machine adds those of a select that timed out
+  EXPECT_GE(pauses.size(), 3U);
+  EXPECT_THAT(pauses, Each(1));
 }
 
 TEST_F(ReceiveLoop, SecondWithoutDatagramEndsInAPauseAndALookAtTheExitFlag) {

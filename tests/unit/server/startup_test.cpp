@@ -166,8 +166,7 @@ TEST_F(Startup, PositiveConnectResultIsAFailure) {
 }
 
 TEST_F(Startup, DuplicateIntervalIsReadBehindTheLoginAndBeforeConnecting) {
-  const std::string key = zelvan::kSettings[3].key;
-  const std::string intervals = "[Radius Server]\n" + key + "=7\nradius_port=99\n";
+  const std::string intervals = "[Radius Server]\notp_packetchecktime=7\nradius_port=99\n";
   EXPECT_EQ(serve("[DataBase]\notp_dsn=d\n" + intervals), zelvan::EXIT_DONE);
   EXPECT_THAT(log(), ElementsAre(kNoLogin));
   EXPECT_EQ(ng_packetchecktime, 0);
