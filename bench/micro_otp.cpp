@@ -17,7 +17,7 @@ constexpr const char* kKey = "12345678901234567890";  // the test key of RFC 422
 void one_code(benchmark::State& state) {
   Counter counter{};
   std::array<char, 11> code{};
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     QENT_HOTP hotp;
     hotp.hotp_generate(kKey, 20, counter.data(), 6, code.data());
     hotp.textadd(counter.data());
@@ -31,7 +31,7 @@ BENCHMARK(one_code);
 void a_window_of_codes(benchmark::State& state) {
   Counter counter{};
   std::array<char, 11> code{};
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     for (auto i = state.range(0); i > 0; --i) {
       QENT_HOTP hotp;
       hotp.hotp_generate(kKey, 20, counter.data(), 6, code.data());
@@ -47,7 +47,7 @@ BENCHMARK(a_window_of_codes)->Arg(10)->Arg(30);
 void md5(benchmark::State& state) {
   const std::vector<unsigned char> data(static_cast<std::size_t>(state.range(0)), 0x5a);
   std::array<unsigned char, 16> digest{};
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     CMd5::MDString(data.data(), static_cast<unsigned int>(data.size()), digest.data());
     benchmark::DoNotOptimize(digest);
   }

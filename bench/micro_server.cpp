@@ -26,7 +26,7 @@ std::vector<_pack_info> fresh_entries(std::uint32_t count) {
 void sweep_of_fresh_entries(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   auto list = fresh_entries(count);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     benchmark::DoNotOptimize(check(list, record(count, kNow + 1), kInterval));
     list.pop_back();
   }
@@ -37,7 +37,7 @@ BENCHMARK(sweep_of_fresh_entries)->Arg(100)->Arg(100'000);
 // A sweep that finds every entry stale and erases it.
 void sweep_of_stale_entries(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     state.PauseTiming();
     auto list = fresh_entries(count);
     state.ResumeTiming();
