@@ -10,6 +10,7 @@
 
 #include "base/clock.h"
 #include "base/locks.h"
+#include "db/statement_handles.h"
 #include "db/statements.h"
 
 COTPDatabase otp_database;
@@ -94,9 +95,7 @@ int COTPDatabase::DBReConnect() {
   if (zelvan::now_seconds() - last_reconnect_ <= zelvan::kReconnectPause) return zelvan::kReconnectTooSoon;
 
   // The handle is withdrawn before it is freed, so that no statement object starts with a freed one.
-  const SQLHDBC old = connection_.exchange(SQL_NULL_HDBC);
-  (void)SQLDisconnect(old);
-  (void)SQLFreeHandle(SQL_HANDLE_DBC, old);
+  zelvan::discard_connection(connection_.exchange(SQL_NULL_HDBC));
 
   // Deliberate: without a new handle the connection stays null, later statement objects are unconnected and nothing
   // asks for a reconnect any more: the server is without database until it is restarted.
