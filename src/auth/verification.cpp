@@ -50,7 +50,8 @@ int CAnalyseAuthData::generateotp(char* out) {
   if (!hotp.hotp_generate(token_key, static_cast<unsigned long>(ng_otpkeylen), moving_factor, code_digits, out)) {
     return 0;
   }
-  if (auth_type == kAuthTypeWithPin) std::strcat(out, pin);
+  // The code has exactly code_digits characters, at most 10; the PIN fits the 40 bytes with its NUL.
+  if (auth_type == kAuthTypeWithPin) std::copy_n(pin, std::strlen(pin) + 1, out + code_digits);
   return 1;
 }
 
