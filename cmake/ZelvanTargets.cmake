@@ -28,5 +28,7 @@ function(zelvan_test name)
   target_include_directories(zelvan_test_${name} PRIVATE "${PROJECT_SOURCE_DIR}/tests")
   target_compile_definitions(zelvan_test_${name} PRIVATE ZELVAN_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
   target_link_libraries(zelvan_test_${name} PRIVATE zelvan_flags ${ARG_DEPENDS} GTest::gmock GTest::gtest_main)
-  gtest_discover_tests(zelvan_test_${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit TIMEOUT 120)
+  set(lsan_options "suppressions=${PROJECT_SOURCE_DIR}/tests/support/lsan.supp:print_suppressions=0")
+  gtest_discover_tests(zelvan_test_${name} DISCOVERY_TIMEOUT 60
+    PROPERTIES LABELS unit TIMEOUT 120 ENVIRONMENT "LSAN_OPTIONS=${lsan_options}")
 endfunction()

@@ -39,6 +39,9 @@ bool read_required(CQENTDatabase& database, unsigned short column, std::span<cha
   return zelvan::read_text(database, column, out) == ColumnRead::read;
 }
 
+// As atoi(3), but defined for numbers that do not fit.
+int to_int(const char* text) { return static_cast<int>(std::strtol(text, nullptr, 10)); }
+
 // Room for a column of at most `characters` characters, taken from the start of a field.
 template <std::size_t Size>
 std::span<char> limited(char (&field)[Size], std::size_t characters) {
@@ -80,18 +83,19 @@ bool CAnalyseAuthData::read_user_columns(CQENTDatabase& database) {
       !read_required(database, 3, failure_text)) {
     return false;
   }
-  failure_count = std::atoi(failure_text.data());
+  failure_count = to_int(failure_text.data());
 
   // Without a date the attempt counts as made just now, so that a lock holds.
   if (!read_required(database, 4, limited(last_use_date, 54))) (void)otp_getcurdate(last_use_date);
   if (!read_required(database, 5, limited(user_mail, 55))) user_mail[0] = '\0';
 
   if (!read_required(database, 6, type_text)) return false;
-  auth_type = std::atoi(type_text.data());
+  auth_type = to_int(type_text.data());
   if (auth_type == kAuthTypeWithPin && !read_required(database, 7, limited(pin, 18))) return false;
 
-  // Last, so that a row that cannot be read whole counts as one of an account that is not locked.
-  locked = std::atoi(lock_text.data()) != 0 ? 1 : 0;
+  // Deliberate: set last, so that a row that cannot be read whole counts as one of an account that is not locked, and
+  // the failure that is recorded for it lifts a lock.
+  locked = to_int(lock_text.data()) != 0 ? 1 : 0;
   return true;
 }
 
@@ -129,7 +133,6 @@ bool CAnalyseAuthData::read_token_columns(CQENTDatabase& database) {
     field = convert(text.data());
     return true;
   };
-  const auto to_int = [](const char* digits) { return std::atoi(digits); };
 
   // An empty key would make codes that anyone can compute.
   return read_required(database, 1, limited(token_key, 54)) && token_key[0] != '\0' &&  //
@@ -148,7 +151,7 @@ int CAnalyseAuthData::advance_for_elapsed_time() {
   const zelvan::CurrentDate now = zelvan::current_date();
   const int elapsed = otp_diff_time(now.text, zelvan::kStoredDateFormat, token_date, zelvan::kStoredDateFormat);
   const int steps = elapsed / time_step;
-  const int half_window = std::min(token_window, ng_wnd) / 2;
+  const int half_window = std::min(token_window, ng_wnd) >> 1;  // rounds down, below zero too
   // A date in the future moves nothing; neither does a negative window, which counts as a huge one here.
   if (steps >= 0 && static_cast<unsigned int>(steps) >= static_cast<unsigned int>(half_window)) {
     zelvan::add_to_counter(moving_factor, static_cast<unsigned int>(steps - half_window));

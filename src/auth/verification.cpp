@@ -20,7 +20,8 @@ using zelvan::RequestAttributes;
 
 namespace {
 
-constexpr std::size_t kCandidateSize = 40;  // 10 digits, a PIN of at most 19 characters, a NUL
+constexpr std::size_t kCandidateSize = 40;
+constexpr std::size_t kMostDigits = 10;
 constexpr int kChallengeSeconds = 599;
 constexpr std::uint32_t kChallengePending = 1;  // in keyinfo.hcounter
 
@@ -50,8 +51,10 @@ int CAnalyseAuthData::generateotp(char* out) {
   if (!hotp.hotp_generate(token_key, static_cast<unsigned long>(ng_otpkeylen), moving_factor, code_digits, out)) {
     return 0;
   }
-  if (auth_type == kAuthTypeWithPin) std::strcat(out, pin);
-  return 1;
+  if (auth_type != kAuthTypeWithPin) return 1;
+  const std::size_t digits = std::strlen(out);
+  static_assert(kCandidateSize >= kMostDigits + sizeof pin, "the longest code, the longest PIN and its NUL fit");
+  return zelvan::copy_text({out + digits, kCandidateSize - digits}, pin) ? 1 : 0;
 }
 
 bool CAnalyseAuthData::candidate_matches(const char* candidate, const RequestAttributes& request) {
@@ -93,6 +96,7 @@ bool CAnalyseAuthData::store_token() {
 
 int CAnalyseAuthData::verify_code(const RequestAttributes& request) {
   if (search_window(request, std::min(ng_wnd, token_window)) != Search::matched) return REQUEST_REFUSED;
+  // Deliberate: a right code that could not be stored is rejected at the client and recorded as a success.
   return store_token() ? REQUEST_RIGHT : REQUEST_NOT_STORED;
 }
 

@@ -1,13 +1,13 @@
 #include "base/text.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 namespace zelvan {
 
 bool copy_text(std::span<char> out, std::string_view text) {
   if (text.size() >= out.size()) return false;
-  std::memcpy(out.data(), text.data(), text.size());
+  std::ranges::copy(text, out.begin());
   out[text.size()] = '\0';
   return true;
 }

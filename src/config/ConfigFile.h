@@ -1,7 +1,9 @@
 // The settings file: read once at start-up, looked up by section and key.
 //
+// The editing operations complete the class as a general settings-file editor for tools; the server never calls them.
+//
 // Threads  config_init runs before any other thread exists; from then on the object is read-only, and any thread may
-//          look up values without a lock.
+//          look up values without a lock.  The editing operations take no lock: never use them while the server runs.
 // Memory   Owns the path and all texts; the destructor wipes the values, since some of them are secrets.
 #pragma once
 
@@ -21,6 +23,20 @@ enum getvalstr_result : int {
   GETVAL_BAD_ARGUMENT = -3,  // a null pointer or a limit below 1
   GETVAL_TOO_LONG = -4,      // the value is longer than the limit
   GETVAL_NOT_FOUND = -5,     // no such item and no default
+};
+
+// Result of the editing operations.
+enum config_edit_result : int {
+  CONFIG_EDIT_OK = 0,
+  CONFIG_EDIT_NO_NAME = -3,    // addsection: the name is null
+  CONFIG_EDIT_NOT_FOUND = -5,  // setnewvalue: there is no such item
+};
+
+enum updateconfig_result : int {
+  UPDATECONFIG_OK = 0,
+  UPDATECONFIG_NO_PATH = -1,  // config_init was never called
+  UPDATECONFIG_NO_FILE = -2,  // the file cannot be opened for writing
+  UPDATECONFIG_SHORT = -6,    // a write came out short: the file is left as far as it got
 };
 
 class CConfigFile {
@@ -52,11 +68,39 @@ class CConfigFile {
   //   fallback      the result when section or key is null or there is no such item
   int getvalInt(const char* section, const char* key, int fallback) const;
 
+  // The editing operations change the object only; updateconfig writes the file.  Names are compared byte for byte. But
+  // for addsection, null arguments are not allowed.
+
+  // Gives the first item of that key in the first section of that name a new value.  A missing item is added at the end
+  // of that section, a missing section behind all others.  Returns CONFIG_EDIT_OK.
+  int additem(const char* section, const char* key, const char* value);
+
+  // Gives the first item of that key, over all sections of that name, a new value.
+  // Returns CONFIG_EDIT_OK, or CONFIG_EDIT_NOT_FOUND and changes nothing.
+  int setnewvalue(const char* section, const char* key, const char* value);
+
+  // Removes every item of that key from every section of that name.  The key "comment_t" removes comment lines.
+  void removeitem(const char* section, const char* key);
+
+  // Adds an empty section behind all others, unless there is one of that name.
+  // Returns CONFIG_EDIT_OK, or CONFIG_EDIT_NO_NAME for null.
+  int addsection(const char* section);
+
+  // Removes every section of that name with all that it holds.
+  void removesection(const char* section);
+
+  // Writes what the object holds over the file that it was read from: the header comment, then each section with its
+  // items and comments.  Blank lines, and what stood before the first section, are gone.
+  // Deliberate: the file is written in place; a write that fails leaves it cut off.
+  // Returns an updateconfig_result.
+  int updateconfig();
+
   // Returns all that was read, in file order, for tools that list or check a settings file.
   const zelvan::ConfigText& content() const { return text_; }
 
  private:
   const std::string* find(const char* section, const char* key) const;
+  zelvan::ConfigSection* find_section(const char* section);
 
   std::unique_ptr<char[]> path_;  // NUL-terminated, with "/" in place of each backslash; null before config_init
   zelvan::ConfigText text_;

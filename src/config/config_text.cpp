@@ -28,6 +28,21 @@ std::optional<ConfigItem> parse_item(std::string_view line) {
   return item;
 }
 
+std::string write_config_text(const ConfigText& text) {
+  std::string out = text.header_comment;
+  for (const ConfigSection& section : text.sections) {
+    out.append("[").append(section.name).append("]\n");
+    for (const ConfigItem& item : section.items) {
+      if (item.key == kCommentKey) {
+        out.append(item.value);
+      } else {
+        out.append(item.key).append("=").append(item.value).append("\n");
+      }
+    }
+  }
+  return out;
+}
+
 void wipe_values(ConfigText& text) {
   for (ConfigSection& section : text.sections) {
     for (ConfigItem& item : section.items) explicit_bzero(item.value.data(), item.value.size());

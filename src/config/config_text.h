@@ -45,6 +45,10 @@ std::string_view parse_section_name(std::string_view line);
 //   line  with or without its terminator
 std::optional<ConfigItem> parse_item(std::string_view line);
 
+// Returns the text of a settings file that holds `text`: what reading it again gives the same, but for blank lines and
+// indented keys.  Nothing is escaped: a value with a line feed would become two lines.
+std::string write_config_text(const ConfigText& text);
+
 // Overwrites all values, which may be passwords and shared secrets, with zeroes.
 void wipe_values(ConfigText& text);
 

@@ -76,7 +76,7 @@ bool load_database_login(const CConfigFile& file, DatabaseLogin& login) {
          read_text(file, row("otp_pwd"), login.pwd);
 }
 
-void load_duplicate_interval(const CConfigFile& file) { (void)load(file, row("otp_packetechecktime")); }
+void load_duplicate_interval(const CConfigFile& file) { (void)load(file, row("otp_packetchecktime")); }
 
 bool load_settings(const CConfigFile& file) {
   if (!load_group(file, SettingGroup::kServer)) return false;

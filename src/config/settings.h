@@ -104,7 +104,7 @@ inline constexpr std::array<Setting, 27> kSettings{{
     text_setting("DataBase", "otp_dsn", SettingGroup::kDatabaseLogin, nullptr, kDatabaseLoginLimit),
     text_setting("DataBase", "otp_uid", SettingGroup::kDatabaseLogin, nullptr, kDatabaseLoginLimit),
     text_setting("DataBase", "otp_pwd", SettingGroup::kDatabaseLogin, nullptr, kDatabaseLoginLimit),
-    number_setting("Radius Server", "otp_packetechecktime", SettingGroup::kDuplicateCheck, 0, &ng_packetchecktime),
+    number_setting("Radius Server", "otp_packetchecktime", SettingGroup::kDuplicateCheck, 0, &ng_packetchecktime),
     number_setting("Radius Server", "radius_port", SettingGroup::kServer, 1812, &usg_radiusport),
     number_setting("options", "otp_qent100", SettingGroup::kServer, 6, &ng_pwdlen[0]),
     number_setting("options", "otp_qent200", SettingGroup::kServer, 6, &ng_pwdlen[1]),

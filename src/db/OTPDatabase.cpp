@@ -10,6 +10,7 @@
 
 #include "base/clock.h"
 #include "base/locks.h"
+#include "db/statement_handles.h"
 #include "db/statements.h"
 
 COTPDatabase otp_database;
@@ -27,7 +28,9 @@ void WipeText::operator()(SQLCHAR* text) const {
 namespace {
 
 // ODBC passes integer attributes in the pointer argument.
-SQLPOINTER integer_attribute(std::uintptr_t value) { return reinterpret_cast<SQLPOINTER>(value); }
+SQLPOINTER integer_attribute(std::uintptr_t value) {
+  return reinterpret_cast<SQLPOINTER>(value);  // NOLINT(performance-no-int-to-ptr)
+}
 
 // The process-wide pooling attribute.  Its value is 2, which sqlext.h calls SQL_CP_ONE_PER_HENV.
 constexpr std::uintptr_t kConnectionPooling = 2;
@@ -92,9 +95,7 @@ int COTPDatabase::DBReConnect() {
   if (zelvan::now_seconds() - last_reconnect_ <= zelvan::kReconnectPause) return zelvan::kReconnectTooSoon;
 
   // The handle is withdrawn before it is freed, so that no statement object starts with a freed one.
-  const SQLHDBC old = connection_.exchange(SQL_NULL_HDBC);
-  (void)SQLDisconnect(old);
-  (void)SQLFreeHandle(SQL_HANDLE_DBC, old);
+  zelvan::discard_connection(connection_.exchange(SQL_NULL_HDBC));
 
   // Deliberate: without a new handle the connection stays null, later statement objects are unconnected and nothing
   // asks for a reconnect any more: the server is without database until it is restarted.

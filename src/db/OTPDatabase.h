@@ -100,5 +100,5 @@ class COTPDatabase {
 // The shared connection.
 extern COTPDatabase otp_database;
 
-// Serialises reconnects.  Nothing else is locked while it is held.
+// Serialises reconnects.  Only the mutex of the statement handles is locked while it is held.
 extern pthread_mutex_t dbrecon_mutex;

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/text.h"
+#include "db/statement_handles.h"
 
 static_assert(std::is_same_v<SQLLEN, long> && std::is_same_v<SQLULEN, unsigned long>, "GetData hands pointers through");
 
@@ -89,7 +90,7 @@ int CQENTDatabase::execute_update(const char* sql) {
 // Allocates the statement handle.  It stays null when the driver manager does not make one.
 bool CQENTDatabase::open_statement() {
   SQLHSTMT fresh = SQL_NULL_HSTMT;
-  const SQLRETURN code = SQLAllocHandle(SQL_HANDLE_STMT, connection(), &fresh);
+  const SQLRETURN code = zelvan::allocate_statement(connection(), fresh);
   if (code == SQL_ERROR) return false;
   statement_ = fresh;
   return true;
@@ -97,7 +98,7 @@ bool CQENTDatabase::open_statement() {
 
 SQLRETURN CQENTDatabase::close_cursor() { return SQLFreeStmt(statement_, SQL_CLOSE); }
 
-SQLRETURN CQENTDatabase::free_statement() { return SQLFreeHandle(SQL_HANDLE_STMT, std::exchange(statement_, nullptr)); }
+SQLRETURN CQENTDatabase::free_statement() { return zelvan::free_statement(std::exchange(statement_, nullptr)); }
 
 // The failed text is not run again, and whether the reconnect succeeded is not looked at: this object goes on with its
 // copy of the old handle, objects made later use the new one.

@@ -32,10 +32,9 @@ constexpr int kCompleted = 250;
 constexpr int kContinueLogin = 334;
 constexpr int kStartInput = 354;
 
-constexpr std::size_t kReplySize = 128;       // bytes of a reply that are looked at
-constexpr std::size_t kHostNameSize = 100;    // local host name of 99 characters and its NUL
-constexpr std::size_t kLoginLineSize = 128;   // 55 characters are 76 in Base64, plus CR LF and NUL
-constexpr std::size_t kCurrentDateSize = 56;  // what otp_getcurdate may write
+constexpr std::size_t kReplySize = 128;      // bytes of a reply that are looked at
+constexpr std::size_t kHostNameSize = 100;   // local host name of 99 characters and its NUL
+constexpr std::size_t kLoginLineSize = 128;  // 55 characters are 76 in Base64, plus CR LF and NUL
 constexpr std::string_view kLineEnd = "\r\n";
 
 std::string text_or_empty(const char* text) { return text == nullptr ? std::string() : std::string(text); }
@@ -52,7 +51,6 @@ std::optional<std::string> resolve(const char* name) {
 bool connect_socket(int socket, const sockaddr_in& peer) {
   const int flags = fcntl(socket, F_GETFL);
   if (flags < 0 || fcntl(socket, F_SETFL, flags | O_NONBLOCK) != 0) return false;
-  // RFC 5321 sets no form for the socket call: in progress, it ends when the socket becomes writable, connect(2).
   if (connect(socket, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
     if (errno != EINPROGRESS || !zelvan::wait_ready(socket, POLLOUT)) return false;
     int error = 0;
@@ -82,7 +80,7 @@ struct OTP_SMTP::Step {
 
 OTP_SMTP::OTP_SMTP(const char* server, const char* user, const char* password, int authneed, int port)
     : user_(text_or_empty(user)), password_(text_or_empty(password)), authneed_(authneed), port_(port) {
-  std::array<char, kCurrentDateSize> now{};
+  std::array<char, zelvan::kTimeTextSize> now{};
   (void)otp_getcurdate(now.data());  // without a time the header stays empty
   (void)zelvan::copy_text(date_, std::string_view(now.data(), strnlen(now.data(), now.size())));
 
@@ -166,7 +164,7 @@ int OTP_SMTP::login_line(const std::string& secret, int expected) {
   auto* bytes = reinterpret_cast<unsigned char*>(line.data());
   unsigned long length = line.size() - kLineEnd.size();
   int result = SMTP_CONNECT_NOT_ENCODED;
-  if (CBase64().Encode(reinterpret_cast<const unsigned char*>(secret.data()), secret.size(), bytes, &length) == 1) {
+  if (CBase64::Encode(reinterpret_cast<const unsigned char*>(secret.data()), secret.size(), bytes, &length) == 1) {
     std::copy(kLineEnd.begin(), kLineEnd.end(), line.begin() + static_cast<std::ptrdiff_t>(length));
     const std::string_view text(line.data(), length + kLineEnd.size());
     result = exchange({text, expected, SMTP_CONNECT_LOGIN_NOT_SENT, SMTP_CONNECT_LOGIN_REFUSED});
@@ -276,6 +274,7 @@ std::string cook_mail_body(std::string body) {
     body.replace(position, kStopLine.size(), kDoubled);
     position += kDoubled.size();
   }
+  // No body comes here with a stop line at its head: the loop has doubled it.
   if (body.substr(0, kStopLine.size()) == kStopLine) body.insert(0, ".");
   return body;
 }

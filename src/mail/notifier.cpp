@@ -21,9 +21,8 @@ namespace {
 
 using Address = std::unique_ptr<char[]>;
 
-constexpr unsigned long kIdlePause = 1000;    // ms between two looks at an empty queue
-constexpr std::size_t kCurrentDateSize = 56;  // what otp_getcurdate may write
-constexpr std::size_t kBodySize = 128;        // the warning and the 19 characters of the time
+constexpr unsigned long kIdlePause = 1000;  // ms between two looks at an empty queue
+constexpr std::size_t kBodySize = 128;      // the warning and the 19 characters of the time
 
 // Takes the oldest entry, which may be null, off the queue.  sendmail_mutex is held and the queue is not empty.
 Address take_first() {
@@ -40,7 +39,7 @@ Address next_address() {
 
 // Tries to send the warning once.  The time in it is that of sending, not that of the lock.
 void send_warning(const char* address) {
-  std::array<char, kCurrentDateSize> now{};
+  std::array<char, zelvan::kTimeTextSize> now{};
   (void)otp_getcurdate(now.data());  // without a time the warning still tells what happened
   std::array<char, kBodySize> body{};
   (void)zelvan::format_text(body, "Your account may be in dangerous.Continuous loggon failed at:%s", now.data());

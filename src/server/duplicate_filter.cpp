@@ -11,12 +11,17 @@ bool same_request(const _pack_info& a, const _pack_info& b) {
   return a.port == b.port && std::ranges::equal(a.address, b.address) && a.identifier == b.identifier;
 }
 
+// In 32 bits, so that an interval runs on when the seconds wrap in 2038.
+std::int32_t seconds_between(std::int32_t from, std::int32_t to) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(to) - static_cast<std::uint32_t>(from));
+}
+
 }  // namespace
 
 int check(std::vector<_pack_info>& list, const _pack_info& record, int interval) {
   bool found = false;
   int result = CHECK_SERVE;
-  const auto age = [&](const _pack_info& entry) { return std::int64_t{record.time} - entry.time; };
+  const auto age = [&](const _pack_info& entry) { return seconds_between(entry.time, record.time); };
 
   auto kept = list.begin();
   for (_pack_info& entry : list) {

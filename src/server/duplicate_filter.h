@@ -12,11 +12,11 @@
 #include <vector>
 
 // One request that was taken.  Port, address and identifier are the key.
-struct _pack_info {
+struct _pack_info {  // NOLINT(bugprone-reserved-identifier): a given name
   std::uint16_t port;        // client's UDP port, as WorkItemView::port_key
   unsigned char address[4];  // client's IPv4 address, network order
   std::uint8_t identifier;   // RADIUS Identifier
-  std::int32_t time;         // when a worker took it, seconds since 1970-01-01 UTC
+  std::int32_t time;         // when a worker took it, seconds since 1970-01-01 UTC, low 32 bits
 };
 
 extern std::vector<_pack_info> pack_list;

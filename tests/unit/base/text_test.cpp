@@ -18,6 +18,12 @@ TEST(Text, CopyRefusesOneCharacterMoreAndWritesNothing) {
 
 TEST(Text, CopyIntoNothingFails) { EXPECT_FALSE(zelvan::copy_text({}, "")); }
 
+TEST(Text, CopyTakesAnEmptyViewWithoutAnyText) {
+  std::array<char, 2> out{'x', '\0'};
+  EXPECT_TRUE(zelvan::copy_text(out, std::string_view{}));
+  EXPECT_STREQ(out.data(), "");
+}
+
 TEST(Text, FormatTakesTextThatFitsWithItsNul) {
   std::array<char, 4> out{};
   EXPECT_TRUE(zelvan::format_text(out, "%d", 123));

@@ -37,7 +37,7 @@ constexpr KeyRow kRows[] = {
     {"DataBase", "otp_dsn", kText, SettingGroup::kDatabaseLogin, 0, nullptr, 36},
     {"DataBase", "otp_uid", kText, SettingGroup::kDatabaseLogin, 0, nullptr, 36},
     {"DataBase", "otp_pwd", kText, SettingGroup::kDatabaseLogin, 0, nullptr, 36},
-    {"Radius Server", "otp_packetechecktime", kNumber, SettingGroup::kDuplicateCheck, 0, nullptr, 0},
+    {"Radius Server", "otp_packetchecktime", kNumber, SettingGroup::kDuplicateCheck, 0, nullptr, 0},
     {"Radius Server", "radius_port", kNumber, SettingGroup::kServer, 1812, nullptr, 0},
     {"options", "otp_qent100", kNumber, SettingGroup::kServer, 6, nullptr, 0},
     {"options", "otp_qent200", kNumber, SettingGroup::kServer, 6, nullptr, 0},
@@ -263,7 +263,7 @@ TEST_F(Settings, DuplicateIntervalHasADefaultOfNone) {
 }
 
 TEST_F(Settings, DuplicateIntervalIsReadAloneAndInSeconds) {
-  zelvan::load_duplicate_interval(*read_text("[Radius Server]\notp_packetechecktime=7\nradius_port=1\n"));
+  zelvan::load_duplicate_interval(*read_text("[Radius Server]\notp_packetchecktime=7\nradius_port=1\n"));
   EXPECT_EQ(ng_packetchecktime, 7);
   EXPECT_EQ(usg_radiusport, 0);
 }

@@ -94,11 +94,24 @@ TEST(DuplicateFilter, ClockThatStepsBackCountsAsInsideTheInterval) {
   EXPECT_EQ(check(list, request(1000, 1, 0), 30), CHECK_DUPLICATE);
 }
 
-TEST(DuplicateFilter, ExtremeTimesDoNotOverflow) {
-  std::vector<_pack_info> list{{1000, {10, 0, 0, 7}, 1, INT32_MIN}};
-  _pack_info record{1000, {10, 0, 0, 7}, 2, INT32_MAX};
+TEST(DuplicateFilter, IntervalRunsOnWhenTheSecondsWrap) {
+  std::vector<_pack_info> list;
+  const auto at = [](int seconds) {
+    return _pack_info{1000, {10, 0, 0, 7}, 1, static_cast<std::int32_t>(0x7FFFFFFFU + static_cast<unsigned>(seconds))};
+  };
+  EXPECT_EQ(check(list, at(0), 30), CHECK_SERVE);
+  EXPECT_EQ(check(list, at(29), 30), CHECK_DUPLICATE);
+  EXPECT_EQ(check(list, at(30), 30), CHECK_SERVE);
+  ASSERT_EQ(list.size(), 1U);
+  EXPECT_EQ(list[0].time, at(30).time);
+}
+
+TEST(DuplicateFilter, OldRecordsGoWhenTheSecondsHaveWrapped) {
+  std::vector<_pack_info> list{{1000, {10, 0, 0, 7}, 1, INT32_MAX}};
+  const _pack_info record{1000, {10, 0, 0, 7}, 2, INT32_MIN + 100};
   EXPECT_EQ(check(list, record, 30), CHECK_SERVE);
-  EXPECT_EQ(list.size(), 1U);
+  ASSERT_EQ(list.size(), 1U);
+  EXPECT_EQ(list[0].identifier, 2);
 }
 
 // The laws, against a map that does the same the slow way.

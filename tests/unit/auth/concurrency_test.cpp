@@ -1,0 +1,175 @@
+// Requests for one account at the same moment.
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "auth/work_item.h"
+#include "auth_fixture.h"
+#include "config/settings.h"
+
+using namespace zelvan::test;  // NOLINT: the fixture's words
+
+namespace {
+
+constexpr int kAccept = 2;
+constexpr int kReject = 3;
+constexpr int kThreads = 8;
+
+class Concurrency : public AuthTest {
+ protected:
+  // Sends every packet from a thread of its own, all at once, and returns the codes of the replies.
+  static std::vector<int> send_at_once(const std::vector<Packet>& packets) {
+    std::vector<int> codes(packets.size());
+    std::vector<std::thread> threads;
+    std::atomic<bool> go{false};
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+      threads.emplace_back([&, i] {
+        go.wait(false);
+        codes[i] = resolve(packets[i]).code();
+      });
+    }
+    go = true;
+    go.notify_all();
+    for (std::thread& thread : threads) thread.join();
+    return codes;
+  }
+};
+
+// Holds up the first select of a request for as long as another request might still overlap it.
+class Meeting {
+ public:
+  // Called at a select of the user.  True when a second request came while the first was held up.
+  bool arrive() {
+    std::unique_lock lock(mutex_);
+    ++arrived_;
+    changed_.notify_all();
+    return changed_.wait_for(lock, kPatience, [this] { return arrived_ > 1; });
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds kPatience{100};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int arrived_ = 0;
+};
+
+}  // namespace
+
+TEST_F(Concurrency, OneCodeIsAcceptedOnce) {
+  account.keep_updated();
+  const auto codes = send_at_once({client.pap("alice", code(5)), client.pap("alice", code(5))});
+  EXPECT_EQ(std::ranges::count(codes, kAccept), 1);
+  EXPECT_EQ(std::ranges::count(codes, kReject), 1);
+  EXPECT_EQ(*account.token.lcounter, "6");
+}
+
+TEST_F(Concurrency, OneCodeIsAcceptedOnceByManyThreads) {
+  for (unsigned int round = 0; round < 20; ++round) {
+    account.user = {};
+    account.token = {};
+    odbc_clear_answers();
+    account.keep_updated();
+    ng_maxaccum = 100;
+    const auto codes = send_at_once(std::vector<Packet>(kThreads, client.pap("alice", code(6))));
+    ASSERT_EQ(std::ranges::count(codes, kAccept), 1);
+    ASSERT_EQ(*account.token.lcounter, "7");
+  }
+}
+
+TEST_F(Concurrency, NoFailureIsLost) {
+  ng_maxaccum = 100;
+  account.keep_updated();
+  const auto codes = send_at_once(std::vector<Packet>(kThreads, client.pap("alice", "wrong!")));
+  EXPECT_EQ(std::ranges::count(codes, kReject), kThreads);
+  EXPECT_EQ(*account.user.failaccum, std::to_string(kThreads));
+}
+
+TEST_F(Concurrency, FifthFailureOfManyLocksAndTheRestIsRefused) {
+  account.keep_updated();
+  (void)send_at_once(std::vector<Packet>(kThreads, client.pap("alice", "wrong!")));
+  EXPECT_EQ(*account.user.islocked, "1");
+  EXPECT_EQ(*account.user.failaccum, "0");
+  EXPECT_EQ(std::ranges::count(executed(), sql::touch_user()), kThreads - 5);
+  EXPECT_EQ(mails().size(), static_cast<std::size_t>(kThreads - 5 + 1));
+}
+
+TEST_F(Concurrency, OneChallengeIsAnsweredOnce) {
+  account.token.tktype = "3";
+  account.token.hcounter = "1";
+  account.token.lcounter = "1234567";
+  account.keep_updated();
+  const auto codes = send_at_once(std::vector<Packet>(kThreads, client.pap("alice", code(1234567))));
+  EXPECT_EQ(std::ranges::count(codes, kAccept), 1);
+}
+
+TEST_F(Concurrency, SecondRequestForAnAccountWaitsForTheFirst) {
+  account.publish();
+  Meeting meeting;
+  std::atomic<bool> met{false};
+  std::atomic<bool> held{false};
+  odbc_on_execute([&](const std::string& sql) {
+    if (!sql.starts_with("select serialnum")) return;
+    const bool first = !held.exchange(true);
+    const bool both = meeting.arrive();
+    if (first) met = both;
+  });
+  (void)send_at_once({client.pap("alice", code(5)), client.pap("alice", code(5))});
+  EXPECT_FALSE(met);
+}
+
+TEST_F(Concurrency, RequestsForDifferentAccountsRunSideBySide) {
+  account.publish();
+  Meeting meeting;
+  std::atomic<int> met{0};
+  odbc_on_execute([&](const std::string& sql) {
+    if (sql.starts_with("select serialnum") && meeting.arrive()) ++met;
+  });
+  (void)send_at_once({client.pap("alice", code(5)), client.pap("bob", code(5))});
+  EXPECT_EQ(met, 2);
+}
+
+namespace {
+
+// A request of which something is left to do after its reply.
+struct WayOut {
+  const char* name;
+  const char* token_type;
+  const char* password;
+  bool known;
+  SQLRETURN update;  // of the token
+  int code;
+};
+
+class AccountGivenBack : public Concurrency, public ::testing::WithParamInterface<WayOut> {};
+
+}  // namespace
+
+// An analyser may outlive its request; the account must not wait for that.
+TEST_P(AccountGivenBack, WhenResolveReturns) {
+  const WayOut& way = GetParam();
+  account.token.tktype = way.token_type;
+  account.has_user = way.known;
+  account.publish();
+  odbc_answer("update keyinfo", {{}, way.update, 0});
+  const std::string password = *way.password == '\0' ? code(5) : way.password;
+  auto item = zelvan::WorkItemView::make(1645, kClient, client.pap("alice", password));
+  auto analyser = std::make_unique<CAnalyseAuthData>();
+  const int result = analyser->Resolve(item.get());
+  EXPECT_EQ(result == RESOLVE_SEND_REPLY ? zelvan::WorkItemView(item.get()).packet()[0] : 0, way.code);
+
+  auto next = std::async(std::launch::async, [] { const zelvan::AccountLock lock("alice"); });
+  EXPECT_EQ(next.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  analyser.reset();  // lets a failed test end
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, AccountGivenBack,
+                         ::testing::Values(WayOut{"Accept", "1", "", true, SQL_SUCCESS, kAccept},
+                                           WayOut{"Reject", "1", "wrong!", true, SQL_SUCCESS, kReject},
+                                           WayOut{"UnknownUser", "1", "", false, SQL_SUCCESS, kReject},
+                                           WayOut{"NotStored", "1", "", true, SQL_ERROR, kReject},
+                                           WayOut{"Challenge", "3", "123456", true, SQL_SUCCESS, 11},
+                                           WayOut{"ChallengeNotStored", "3", "123456", true, SQL_ERROR, 0}),
+                         [](const auto& test) { return std::string(test.param.name); });
