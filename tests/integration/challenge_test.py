@@ -79,7 +79,7 @@ class TestPinStage:
         """Nothing is sent when the challenge cannot be stored."""
         daemon = prepare({"Radius Server": {"otp_maxthread": 1}}).start()
         user = daemon.db.add_user(kind=CHALLENGE_TOKEN, pin=PIN)
-        daemon.db.run("create trigger refuse before update on keyinfo begin select raise(abort, 'no'); end")
+        daemon.db.refuse_updates("keyinfo")
         client = daemon.client()
         assert daemon.silent(client, client.request().user(user.name).pap(PIN).bytes())
 

@@ -2,7 +2,29 @@
 
 import pytest
 
+from testbed import engine, servers
 from testbed.daemon import Daemon
+
+_shared = []
+
+
+def pytest_configure(config):
+    """Starts the database server before the first test, once for all processes of the run."""
+    config.addinivalue_line("markers", "engines(*names, reason): runs on these database engines only")
+    if not config.option.collectonly:
+        _shared.append(servers.start_shared())
+
+
+def pytest_unconfigure():
+    for server in filter(None, _shared):
+        server.remove()
+
+
+def pytest_collection_modifyitems(items):
+    for item in items:
+        for mark in item.iter_markers("engines"):
+            if engine.chosen() not in mark.args:
+                item.add_marker(pytest.mark.skip(reason=mark.kwargs["reason"]))
 
 
 @pytest.fixture(scope="class")

@@ -8,7 +8,12 @@ import shutil
 import sqlite3
 import time
 
+import pytest
+
+from testbed.database import Sqlite
 from testbed.radius import ACCEPT
+
+pytestmark = pytest.mark.engines("sqlite", reason="the files of SQLite change places")
 
 THROTTLE = 60
 
@@ -30,8 +35,8 @@ def lose_database(daemon):
 
 
 def put_back(daemon, copy):
-    copy.rename(daemon.database_path)
-    daemon.db = type(daemon.db)(daemon.database_path)
+    copy.rename(daemon.db.path)
+    daemon.db = Sqlite(daemon.folder)
 
 
 def seconds_until_served(daemon, user, factors):
@@ -62,9 +67,9 @@ def test_a_failed_reconnect_is_repeated_at_once(prepare):
     user, factors, client = daemon.db.add_user(), iter(range(10)), daemon.client()
     time.sleep(THROTTLE + 2)  # the throttle after the start is over
     copy = lose_database(daemon)
-    daemon.database_path.mkdir()
+    daemon.db.path.mkdir()
     for _ in range(3):
         assert client.pap(user.name, user.code(0)).plain_reject
-    shutil.rmtree(daemon.database_path)
+    shutil.rmtree(daemon.db.path)
     put_back(daemon, copy)
     assert seconds_until_served(daemon, user, factors) < 10

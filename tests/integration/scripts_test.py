@@ -5,6 +5,8 @@ from pathlib import Path
 
 import pytest
 
+pytestmark = pytest.mark.engines("sqlite", reason="needs no database")
+
 CHECK = Path(__file__).resolve().parents[2] / "scripts" / "check-includes"
 
 

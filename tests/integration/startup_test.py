@@ -65,7 +65,9 @@ class TestDatabaseSettings:
         assert prepare({"DataBase": {key: value}}).run_to_its_end() == [STARTING, NO_DATABASE_SETTINGS]
 
     def test_user_and_password_of_36_characters_are_taken(self, prepare):
-        assert serves(prepare({"DataBase": {"otp_uid": "u" * 36, "otp_pwd": "p" * 36}}).start())
+        daemon = prepare({"DataBase": {"otp_uid": "u" * 36, "otp_pwd": "p" * 36}})
+        daemon.db.add_login("u" * 36, "p" * 36)
+        assert serves(daemon.start())
 
     def test_a_data_source_name_is_passed_on_whole(self, prepare):
         """32 characters are the most that unixODBC takes."""

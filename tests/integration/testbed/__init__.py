@@ -3,6 +3,8 @@
 daemon    starts, observes and stops one daemon
 settings  the settings file of a test
 database  the tables as an administrator sees them
+engine    which database engine the tests run on
+servers   database servers of the tests' own
 radius    a byte-level RADIUS client
 hotp      one-time codes, computed independently of the server
 ports     ports that no other test uses

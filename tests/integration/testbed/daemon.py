@@ -3,7 +3,7 @@
     <folder>/bin/zelvan                 a copy of the executable, which finds its settings beside itself
     <folder>/bin/config/otp_conf.con
     <folder>/run/                       the working directory: srvlog.txt and log/
-    <folder>/zelvan.db, odbc.ini
+    <folder>/odbc.ini                   and zelvan.db, where SQLite is the engine
     <folder>/sanitizer.<pid>            what a sanitizer found
 """
 
@@ -16,7 +16,7 @@ import time
 from pathlib import Path
 
 from testbed import settings as settings_file
-from testbed.database import Database
+from testbed.database import make_database
 from testbed.ports import free_port
 from testbed.radius import CHAP_PASSWORD, Client, attribute
 
@@ -45,7 +45,7 @@ def read_link(path):
 class Daemon:
     """Prepares the folder; start() runs the daemon in it."""
 
-    def __init__(self, folder, changes=None, loose=False, odbc=True):
+    def __init__(self, folder, changes=None, loose=False, odbc=True, db=None):
         self.folder = Path(folder)
         self.run_folder = self.folder / "run"
         self.executable = self.folder / "bin" / "zelvan"
@@ -57,22 +57,16 @@ class Daemon:
         (self.run_folder / "log").mkdir(parents=True)
         self.settings_path.parent.mkdir(parents=True)
         shutil.copy2(Path(os.environ["ZELVAN_BIN_DIR"]) / "zelvan", self.executable)
-        self.database_path = self.folder / "zelvan.db"
-        self.db = Database(self.database_path, loose)
+        self.db = db or make_database(self.folder, loose)
         self.odbc_ini = self.folder / "odbc.ini"
-        self.odbc_ini.write_text(self._data_source(settings_file.DSN) if odbc else "")
-        self.sections = settings_file.merged(changes or {}, self.port, self.smtp_port)
+        self.odbc_ini.write_text(self.db.data_source(settings_file.DSN) if odbc else "")
+        self.sections = settings_file.merged(changes or {}, self.port, self.smtp_port, self.db.login)
         self.settings_path.write_text(settings_file.text(self.sections))
         self._clients = []
 
-    def _data_source(self, name):
-        # NORMAL spares the disk; what it gives up is durability at a power cut, which no test looks at.
-        return (f"[{name}]\nDriver=SQLite3\nDatabase={self.database_path}\nJournalMode=WAL\nSyncPragma=NORMAL\n"
-                "Timeout=10000\n")
-
     def add_data_source(self, name):
         with self.odbc_ini.open("a") as file:
-            file.write(self._data_source(name))
+            file.write(self.db.data_source(name))
 
     # Running
 

@@ -1,26 +1,27 @@
 """The tables of one daemon, as an administrator's shell sees them."""
 
 import itertools
+import os
 import sqlite3
 import time
 from dataclasses import dataclass
-from pathlib import Path
 
+from testbed import engine, servers
 from testbed.hotp import hotp
-
-SCHEMA = Path(__file__).resolve().parents[3] / "sql" / "schema.sqlite.sql"
 
 # The same columns without any rule, for rows that a good schema refuses and an old installation may hold.
 LOOSE_SCHEMA = """
-create table userinfo (username text, serialnum text, islocked integer, failaccum integer, preusedate text,
-  user_email text, authtype integer, pin text, isdeleted integer);
-create table keyinfo (serialnum text, userkey text, tktype integer, hcounter integer, lcounter integer, predate text,
-  diglen integer, authwnd integer, tmstep integer);
-create table commonloginfo (optime text, operator text, loglev integer, optype integer, remark text, remoteip text);
+create table userinfo (username {text}, serialnum {text}, islocked {integer}, failaccum {integer}, preusedate {text},
+  user_email {text}, authtype {integer}, pin {text}, isdeleted {integer});
+create table keyinfo (serialnum {text}, userkey {text}, tktype {integer}, hcounter {integer}, lcounter {integer},
+  predate {text}, diglen {integer}, authwnd {integer}, tmstep {integer});
+create table commonloginfo (optime {text}, operator {text}, loglev {integer}, optype {integer}, remark {text},
+  remoteip {text} {more});
 """
 
 EVENT, TIMED, CHALLENGE = 1, 2, 3
 KEY = "12345678901234567890"  # RFC 4226 appendix D
+AUDIT_COLUMNS = "optime, operator, loglev, optype, remark, remoteip"
 
 
 def utc(offset=0):
@@ -47,24 +48,49 @@ class User:
         return hotp(self.key, factor, self.digits)
 
 
+class Row(tuple):
+    """A row; a column is found by its name too."""
+
+    def __new__(cls, description, values):
+        row = super().__new__(cls, values)
+        row.names = [column[0] for column in description]
+        return row
+
+    def __getitem__(self, key):
+        return super().__getitem__(self.names.index(key) if isinstance(key, str) else key)
+
+
 class Database:
-    """Rows of one SQLite file; every call is one committed statement."""
+    """Rows of one database; every call is one committed statement.
+
+    An engine adds: connection, login (settings of section "DataBase"), ORDER (a column of commonloginfo in which its rows
+    are numbered), parameters(), data_source(), install(), drop() and what its schema files need.
+    """
 
     _numbers = itertools.count(1)
-
-    def __init__(self, path, loose=False):
-        self.path = path
-        self.connection = sqlite3.connect(path, timeout=30, isolation_level=None)
-        self.connection.row_factory = sqlite3.Row
-        self.connection.execute("pragma journal_mode = wal")
-        self.connection.execute("pragma synchronous = normal")
-        self.connection.executescript(LOOSE_SCHEMA if loose else SCHEMA.read_text())
+    login = {}
 
     def close(self):
+        """Ends this connection and removes the database."""
         self.connection.close()
 
     def run(self, sql, *values):
-        return self.connection.execute(sql, values).fetchall()
+        cursor = self.connection.cursor()
+        if values:
+            cursor.execute(self.parameters(sql), values)
+        else:
+            cursor.execute(sql)
+        rows = [Row(cursor.description, row) for row in cursor.fetchall()] if cursor.description else []
+        cursor.close()
+        return rows
+
+    @staticmethod
+    def parameters(sql):
+        """A statement with ? for its values, as the engine's module wants it."""
+        return sql.replace("%", "%%").replace("?", "%s")
+
+    def add_login(self, name, password):
+        """A further login with the daemon's rights."""
 
     def add_user(self, name=None, *, key=KEY, kind=EVENT, factor=0, high=None, low=None, used=0, digits=6, window=10,
                  step=0, pin=None, locked=0, failures=0, last=-60, mail=None, deleted=0, token=True):
@@ -104,12 +130,145 @@ class Database:
         token = self.token(user)
         return token["hcounter"] * 2**32 + token["lcounter"]
 
+    def audit_rows(self, user=None):
+        """The audit trail, oldest first."""
+        rows = self.run(f"select {AUDIT_COLUMNS} from commonloginfo order by {self.ORDER}")
+        return [row for row in rows if user is None or row["operator"] == user.name]
+
     def audit(self, user=None):
         """The remarks of the audit trail, oldest first."""
-        rows = self.run("select * from commonloginfo order by rowid")
-        return [row["remark"] for row in rows if user is None or row["operator"] == user.name]
+        return [row["remark"] for row in self.audit_rows(user)]
 
     def everything(self):
         """All rows, to show that nothing changed."""
-        tables = ("userinfo", "keyinfo", "commonloginfo")
-        return [tuple(row) for table in tables for row in self.run(f"select * from {table}")]
+        return self.run("select * from userinfo order by username"), self.run(
+            "select * from keyinfo order by serialnum"), self.audit_rows()
+
+
+class Sqlite(Database):
+    ORDER = "rowid"
+
+    def __init__(self, folder, loose=False):
+        self.path = folder / "zelvan.db"
+        self.connection = sqlite3.connect(self.path, timeout=30, isolation_level=None)
+        self.connection.execute("pragma journal_mode = wal")
+        self.connection.execute("pragma synchronous = normal")
+        if loose:
+            self.connection.executescript(LOOSE_SCHEMA.format(text="text", integer="integer", more=""))
+        else:
+            self.install("schema")
+
+    def install(self, name):
+        self.connection.executescript((servers.SQL / f"{name}.sqlite.sql").read_text())
+
+    @staticmethod
+    def parameters(sql):
+        return sql
+
+    def data_source(self, name):
+        # NORMAL spares the disk; what it gives up is durability at a power cut, which no test looks at.
+        return (f"[{name}]\nDriver=SQLite3\nDatabase={self.path}\nJournalMode=WAL\nSyncPragma=NORMAL\nTimeout=10000\n")
+
+    def refuse_updates(self, table):
+        self.run(f"create trigger refuse before update on {table} begin select raise(abort, 'no'); end")
+
+
+class ServerDatabase(Database):
+    """A database of one test on a server."""
+
+    ORDER = "id"
+    login = {"otp_uid": servers.LOGIN, "otp_pwd": servers.PASSWORD}
+
+    def __init__(self, server):
+        self.server = server
+        self.name = f"test_{os.getpid()}_{next(self._numbers)}"
+        self.connection = None
+
+    def close(self):
+        self.connection.close()
+        connection = self.connect(self.MAINTENANCE)
+        connection.cursor().execute(f"drop database {self.name}{self.FORCE}")
+        connection.close()
+
+    def reconnect(self):
+        """Opens the administrator's connection again, after a restart of the server."""
+        self.connection = self.connect(self.name)
+
+    def add_login(self, name, password):
+        self.server.add_login(name, password)
+
+
+class Postgresql(ServerDatabase):
+    MAINTENANCE, FORCE = "postgres", " with (force)"
+
+    def __init__(self, server, loose=False):
+        super().__init__(server)
+        maintenance = self.connect(self.MAINTENANCE)
+        maintenance.cursor().execute(f"create database {self.name} template {'template0' if loose else 'strict'}")
+        maintenance.close()
+        self.reconnect()
+        if loose:
+            self.run("alter default privileges grant all on tables to zelvan_daemon")
+            self.run(LOOSE_SCHEMA.format(text="text", integer="bigint",
+                                         more=", id bigint generated always as identity"))
+
+    def connect(self, database):
+        import psycopg2
+        from psycopg2 import extensions
+        connection = psycopg2.connect(host=str(self.server.folder), user=servers.ADMINISTRATOR, dbname=database)
+        connection.autocommit = True
+        as_text = extensions.new_type((1114,), "timestamp", lambda value, _: value)
+        extensions.register_type(as_text, connection)
+        return connection
+
+    def install(self, name):
+        self.server.psql(self.name, "-f", servers.SQL / f"{name}.postgresql.sql")
+
+    def data_source(self, name):
+        return f"[{name}]\nDriver=PostgreSQL ANSI\nServername={self.server.folder}\nDatabase={self.name}\n"
+
+    def refuse_updates(self, table):
+        self.run("create function refuse() returns trigger language plpgsql as $$ begin raise exception 'no'; end $$")
+        self.run(f"create trigger refuse before update on {table} execute function refuse()")
+
+
+class Mariadb(ServerDatabase):
+    MAINTENANCE, FORCE = "mysql", ""
+
+    def __init__(self, server, loose=False):
+        super().__init__(server)
+        maintenance = self.connect(self.MAINTENANCE)
+        maintenance.cursor().execute(f"create database {self.name} character set utf8mb4 collate utf8mb4_nopad_bin")
+        maintenance.close()
+        self.reconnect()
+        if loose:
+            self.run(f"grant all on {self.name}.* to zelvan_daemon")
+            self.server.mariadb(self.name, LOOSE_SCHEMA.format(
+                text="text", integer="bigint", more=", id bigint not null auto_increment invisible primary key"))
+        else:
+            self.install("schema")
+
+    def connect(self, database):
+        import pymysql
+        from pymysql.constants import FIELD_TYPE
+        converters = pymysql.converters.conversions | {FIELD_TYPE.DATETIME: str}
+        return pymysql.connect(unix_socket=str(self.server.folder / "socket"), user="root", database=database,
+                               charset="utf8mb4", autocommit=True, conv=converters)
+
+    def install(self, name):
+        self.server.mariadb(self.name, (servers.SQL / f"{name}.mariadb.sql").read_text())
+
+    def data_source(self, name):
+        return (f"[{name}]\nDriver=MariaDB Unicode\nSERVER=localhost\nSOCKET={self.server.folder}/socket\n"
+                f"DATABASE={self.name}\nCHARSET=utf8mb4\n")
+
+    def refuse_updates(self, table):
+        self.run(f"create trigger refuse before update on {table} for each row signal sqlstate '45000'")
+
+
+def make_database(folder, loose=False, server=None):
+    """A database of the engine of this run: a file in the folder, or one on `server`, by default the shared one."""
+    if engine.chosen() == engine.SQLITE:
+        return Sqlite(folder, loose)
+    kind = Postgresql if engine.chosen() == engine.POSTGRESQL else Mariadb
+    return kind(server or servers.shared(), loose)

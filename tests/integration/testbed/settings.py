@@ -15,9 +15,10 @@ _DEFAULTS = {
 }
 
 
-def merged(changes, radius_port, smtp_port):
-    """The sections of one settings file.  A value of None removes the key, a section of None removes the section."""
+def merged(changes, radius_port, smtp_port, login):
+    """The sections of one settings file; `login` are the keys of the database's login.  A value of None removes the key, a section of None removes the section."""
     sections = copy.deepcopy(_DEFAULTS)
+    sections["DataBase"].update(login)
     sections["Radius Server"]["radius_port"] = radius_port
     sections["mail"]["otp_smtp_port"] = smtp_port
     for name, keys in changes.items():

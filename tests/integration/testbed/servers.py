@@ -1,0 +1,183 @@
+"""Database servers of the tests' own: a private folder, a Unix socket in it, and an unprivileged user.
+
+The servers of the system are neither used nor touched.  What a server holds is worth nothing, so none of them waits for the
+disk.  A server ends with the thread that started it, also when that one is killed.
+"""
+
+import os
+import pwd
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+from testbed import engine
+
+SQL = Path(__file__).resolve().parents[3] / "sql"
+LOGIN, PASSWORD = "zelvan", "a-login's \\password"  # of the daemon
+ADMINISTRATOR = "administrator"
+PATIENCE = 120  # seconds for a server to start or to end
+SHARED = "ZELVAN_TEST_SERVER"  # names the folder of the server that all tests of a run share
+UNPRIVILEGED = "nobody"  # PostgreSQL does not run as root
+
+
+def unprivileged(command):
+    """The command line that runs a command as a user that may run a database server."""
+    if os.getuid() != 0:
+        return ["setpriv", "--pdeathsig", "KILL", *command]
+    user = pwd.getpwnam(UNPRIVILEGED)
+    return ["setpriv", "--reuid", str(user.pw_uid), "--regid", str(user.pw_gid), "--clear-groups", "--pdeathsig", "KILL",
+            *command]
+
+
+class Server:
+    """One server.  Without a folder it is made anew; with one it is somebody else's that runs there."""
+
+    def __init__(self, folder=None):
+        self.process = None
+        self.folder = Path(folder or tempfile.mkdtemp(prefix="zelvan-", dir="/tmp"))
+        if folder is None:
+            if os.getuid() == 0:
+                shutil.chown(self.folder, UNPRIVILEGED)
+            self.run(*self.preparation())
+            self.start()
+            self.provide()
+
+    def run(self, *command, **options):
+        """Runs a command to its end, as the server's user and in its folder, and returns what it printed."""
+        done = subprocess.run(unprivileged(command), cwd=self.folder, capture_output=True, text=True, timeout=PATIENCE,
+                              check=False, **options)
+        assert done.returncode == 0, f"{command}: {done.stdout}{done.stderr}"
+        return done.stdout
+
+    def start(self, *options):
+        """Starts the server and waits until it takes connections."""
+        with (self.folder / "log").open("ab") as log:
+            self.process = subprocess.Popen(unprivileged([*self.command(), *options]), cwd=self.folder, stdin=subprocess.DEVNULL,
+                                            stdout=log, stderr=log)
+        deadline = time.monotonic() + PATIENCE
+        while not self.answers():
+            assert self.process.poll() is None and time.monotonic() < deadline, (self.folder / "log").read_text()
+            time.sleep(0.05)
+
+    def stop(self, number=None):
+        """Ends the server, whoever is connected."""
+        self.process.send_signal(number or self.fast_stop)
+        self.process.wait(PATIENCE)
+        self.process = None
+
+    def pause(self, paused):
+        """Makes every process of the server stand still, or go on."""
+        for pid in [self.process.pid, *children(self.process.pid)]:
+            os.kill(pid, signal.SIGSTOP if paused else signal.SIGCONT)
+
+    def remove(self):
+        if self.process is not None:
+            self.stop()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+
+def children(pid):
+    return [int(child) for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
+
+
+class Postgresql(Server):
+    """A test's database is a copy of `strict`, which has the schema."""
+
+    fast_stop = signal.SIGINT
+
+    @staticmethod
+    def program(name):
+        versions = sorted(Path("/usr/lib/postgresql").glob("*/bin"), key=lambda path: int(path.parent.name))
+        assert versions, "PostgreSQL is not installed; scripts/setup does that"
+        return str(versions[-1] / name)
+
+    def preparation(self):
+        return [self.program("initdb"), "-D", "data", "-U", ADMINISTRATOR, "-A", "trust", "--no-sync", "--encoding=UTF8",
+                "--locale=C.UTF-8"]
+
+    def command(self):
+        settings = {"listen_addresses": "", "unix_socket_directories": self.folder, "fsync": "off",
+                    "full_page_writes": "off", "max_connections": 200, "shared_buffers": "32MB", "autovacuum": "off"}
+        return [self.program("postgres"), "-D", "data", *(f"--{name}={value}" for name, value in settings.items())]
+
+    def answers(self):
+        return subprocess.run([self.program("pg_isready"), "-q", "-h", self.folder], check=False).returncode == 0
+
+    def provide(self):
+        """Makes the daemon's login, which needs its password, and the template."""
+        (self.folder / "data" / "pg_hba.conf").write_text(f"local all {ADMINISTRATOR} trust\nlocal all all scram-sha-256\n")
+        self.psql("postgres", "-c", "create role zelvan_daemon", "-c", "select pg_reload_conf()", "-c",
+                  "create database strict template template0")
+        self.add_login(LOGIN, PASSWORD)
+        self.psql("strict", "-f", SQL / "schema.postgresql.sql")
+
+    def add_login(self, name, password):
+        quoted = password.replace("'", "''")
+        self.psql("postgres", "-c", f"create role \"{name}\" login password '{quoted}' in role zelvan_daemon")
+
+    def psql(self, database, *arguments):
+        """Runs PostgreSQL's own shell as the administrator; any error ends it."""
+        command = ["psql", "--no-psqlrc", "--quiet", "--set=ON_ERROR_STOP=1", f"--host={self.folder}",
+                   f"--username={ADMINISTRATOR}", f"--dbname={database}", *map(str, arguments)]
+        done = subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE, check=False)
+        assert done.returncode == 0, done.stderr
+        return done.stdout
+
+
+class Mariadb(Server):
+    fast_stop = signal.SIGTERM
+
+    def preparation(self):
+        return ["mariadb-install-db", "--no-defaults", f"--datadir={self.folder}/data", "--skip-test-db",
+                "--auth-root-authentication-method=normal", "--skip-name-resolve"]
+
+    def command(self):
+        return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.folder}/data", f"--socket={self.folder}/socket",
+                f"--pid-file={self.folder}/pid", "--skip-networking", "--innodb-flush-log-at-trx-commit=0",
+                "--innodb-buffer-pool-size=64M", "--innodb-log-file-size=32M", "--max-connections=200",
+                "--innodb-doublewrite=0", "--performance-schema=off"]
+
+    def answers(self):
+        command = ["mariadb", "--no-defaults", f"--socket={self.folder}/socket", "--user=root", "--connect-timeout=5",
+                   "--execute=select 1"]
+        return subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+    def provide(self):
+        """Makes the daemon's login, which needs its password."""
+        self.mariadb("", "create role zelvan_daemon")
+        self.add_login(LOGIN, PASSWORD)
+
+    def add_login(self, name, password):
+        quoted = password.replace("\\", "\\\\").replace("'", "''")
+        self.mariadb("", f"create user `{name}`@localhost identified by '{quoted}';"
+                         f"grant zelvan_daemon to `{name}`@localhost;"
+                         f"set default role zelvan_daemon for `{name}`@localhost")
+
+    def mariadb(self, database, sql):
+        """Runs MariaDB's own shell as the administrator; any error ends it."""
+        command = ["mariadb", "--no-defaults", f"--socket={self.folder}/socket", "--user=root",
+                   "--default-character-set=utf8mb4", database]
+        done = subprocess.run(command, input=sql, capture_output=True, text=True, timeout=PATIENCE, check=False)
+        assert done.returncode == 0, done.stderr
+        return done.stdout
+
+
+KINDS = {engine.POSTGRESQL: Postgresql, engine.MARIADB: Mariadb}
+
+
+def start_shared():
+    """Starts the server that all tests of this run share; None where none is needed, or where it runs already."""
+    kind = KINDS.get(engine.chosen())
+    if kind is None or SHARED in os.environ:
+        return None
+    server = kind()
+    os.environ[SHARED] = str(server.folder)
+    return server
+
+
+def shared():
+    """The server that all tests of this run share."""
+    return KINDS[engine.chosen()](os.environ[SHARED])
