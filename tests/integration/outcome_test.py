@@ -5,6 +5,7 @@ import time
 
 import pytest
 
+from testbed import engine
 from testbed.database import CHALLENGE, age
 from testbed.radius import ACCEPT, REJECT
 
@@ -176,7 +177,9 @@ class TestFailingUpdates:
         user = daemon.db.add_user(locked=1, last=-700)
         daemon.db.refuse_updates("userinfo")
         assert daemon.client().pap(user.name, user.code(0)).plain_reject
-        assert daemon.db.audit() == ["Update userinfo failed.", "auth failed."]
+        note = "Update userinfo failed."
+        fallback = [] if engine.chosen() == engine.SQLITE else [note]  # four values for six columns
+        assert daemon.db.audit() == [note, "auth failed.", *fallback]
 
     @pytest.mark.engines("sqlite", reason="elsewhere two columns need no value")
     def test_four_values_do_not_fit_six_columns(self, prepare):
