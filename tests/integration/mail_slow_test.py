@@ -25,9 +25,10 @@ def test_a_hanging_server_cannot_prevent_the_stop(prepare, kind):
     assert len(daemon.log_messages()) == 5
 
 
-def test_without_mail_need_nothing_is_sent(prepare):
+@pytest.mark.parametrize("need", [0, 2])
+def test_mail_need_other_than_1_sends_nothing(prepare, need):
     """Neither while the daemon runs nor at its end."""
-    daemon = prepare({"mail": {"otp_mail_need": 0}})
+    daemon = prepare({"mail": {"otp_mail_need": need}})
     with Exim(daemon.smtp_port) as exim:
         daemon.start()
         client = daemon.client()
