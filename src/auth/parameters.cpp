@@ -9,6 +9,7 @@
 #include "db/OTPDatabase.h"
 #include "db/QENTDatabase.h"
 #include "db/current_date.h"
+#include "db/statements.h"
 #include "db/time_text.h"
 #include "otp/counter.h"
 
@@ -61,6 +62,10 @@ int CAnalyseAuthData::otp_initparams() {
 }
 
 int CAnalyseAuthData::load_user(CQENTDatabase& database) {
+  if (!zelvan::storable_text(user_name)) {
+    user_exists = 0;
+    return INITPARAMS_NO_ROW;
+  }
   const DateColumn last_use("preusedate");
   if (execute_statement(database, Statement::select_user, {last_use.text(), user_name}) != 1) {
     return INITPARAMS_STATEMENT;

@@ -39,14 +39,16 @@ bool set_attribute(SQLHENV environment, SQLINTEGER attribute, std::uintptr_t val
   return SQLSetEnvAttr(environment, attribute, integer_attribute(value), 0) != SQL_ERROR;
 }
 
-// Tells the statement builder how the DBMS at the other end reads a backslash.  Without an answer nothing changes.
-void note_backslash_escapes(SQLHDBC connection) {
+// Tells the statement builder how the DBMS at the other end reads text.  Without an answer nothing changes.
+void note_dbms(SQLHDBC connection) {
   std::array<char, 128> name{};
   const SQLRETURN code =
       SQLGetInfo(connection, SQL_DBMS_NAME, name.data(), static_cast<SQLSMALLINT>(name.size() - 1), nullptr);
   if (!SQL_SUCCEEDED(code)) return;
   zelvan::set_backslash_escapes(strcasestr(name.data(), "mariadb") != nullptr ||
                                 strcasestr(name.data(), "mysql") != nullptr);
+  // Its driver talks UTF-8 to the server, whatever the encoding of the database.
+  zelvan::set_utf8_only(strcasestr(name.data(), "postgresql") != nullptr);
 }
 
 }  // namespace
@@ -71,7 +73,7 @@ int COTPDatabase::DBConnect(const SQLCHAR* dsn, SQLSMALLINT /*dsn_length*/, cons
   // same; the caller decides.
   connected_ = 1;
   if (!SQL_SUCCEEDED(code)) return code;
-  note_backslash_escapes(connection_);
+  note_dbms(connection_);
   return zelvan::kConnected;
 }
 

@@ -49,7 +49,7 @@ class COTPDatabase {
   COTPDatabase(const COTPDatabase&) = delete;
   COTPDatabase& operator=(const COTPDatabase&) = delete;
 
-  // Connects to a data source and notes whether its DBMS takes a backslash as an escape (see db/statements.h).
+  // Connects to a data source and notes how its DBMS reads text (see db/statements.h).
   //   dsn, uid, pwd  NUL-terminated data source name, user and password; copied; null counts as an empty text
   //   the lengths    not used
   // Returns 0; -1 when a step reported SQL_ERROR (no handle is kept and the object is unconnected); or the code of

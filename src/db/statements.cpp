@@ -7,6 +7,7 @@
 #include <span>
 
 #include "db/QENTDatabase.h"
+#include "db/utf8.h"
 
 namespace zelvan {
 namespace {
@@ -38,6 +39,7 @@ constexpr std::array<std::string_view, kStatementCount> kTexts{
 };
 
 std::atomic<bool> escapes_backslash{false};
+std::atomic<bool> utf8_only{false};
 
 // Appends to a statement text; remembers what did not fit.
 class Writer {
@@ -113,7 +115,8 @@ bool put_value(Writer& writer, Kind kind, const SqlValue& value) {
   }
   const std::string_view* const text = std::get_if<std::string_view>(&value);
   if (text == nullptr || holds_nul(*text)) return false;
-  return kind == Kind::text ? put_escaped(writer, *text, backslash_escapes()) : writer.put(*text);
+  if (kind == Kind::expression) return writer.put(*text);
+  return storable_text(*text) && put_escaped(writer, *text, backslash_escapes());
 }
 
 std::optional<std::string_view> text_of(Statement statement) {
@@ -158,5 +161,9 @@ int execute_statement(CQENTDatabase& database, Statement statement, std::initial
 void set_backslash_escapes(bool escapes) { escapes_backslash = escapes; }
 
 bool backslash_escapes() { return escapes_backslash; }
+
+void set_utf8_only(bool only) { utf8_only = only; }
+
+bool storable_text(std::string_view text) { return !utf8_only || is_utf8(text); }
 
 }  // namespace zelvan

@@ -45,7 +45,7 @@ using SqlValue = std::variant<std::string_view, int, std::uint32_t>;
 // Fills `out` with a statement and its values.  A text value is escaped; an expression is not, so it must never hold
 // anything that came from outside.
 // Returns true, or false (with an empty text in `out`) when the statement does not exist, the count or kind of the
-// values is wrong, a value holds a NUL, or the whole does not fit.
+// values is wrong, a value holds a NUL, a text value cannot be stored (see storable_text), or the whole does not fit.
 [[nodiscard]] bool build_statement(SqlText& out, Statement statement, std::initializer_list<SqlValue> values);
 
 // Builds a statement and runs it.
@@ -57,5 +57,13 @@ void set_backslash_escapes(bool escapes);
 
 // True when a backslash in a text value is doubled; false until set.
 [[nodiscard]] bool backslash_escapes();
+
+// Says whether the connected DBMS takes text in UTF-8 only.  Set when a connection is made.
+void set_utf8_only(bool only);
+
+// Returns false for a text that no row of the connected DBMS can hold.  A DBMS that takes UTF-8 only fails a statement
+// with other bytes in it, and a failed statement asks for a reconnect, which must not be in the hands of whoever may send
+// a user name.
+[[nodiscard]] bool storable_text(std::string_view text);
 
 }  // namespace zelvan

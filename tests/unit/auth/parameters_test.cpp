@@ -2,7 +2,9 @@
 #include <cstring>
 
 #include "auth_fixture.h"
+#include "base/text.h"
 #include "config/settings.h"
+#include "db/statements.h"
 #include "mail/notifier.h"
 
 using namespace zelvan::test;  // NOLINT: the fixture's words
@@ -106,6 +108,15 @@ TEST_F(Parameters, UserWithoutAnActiveRowDoesNotExist) {
   EXPECT_EQ(analyser.user_exists, 0);
   EXPECT_EQ(analyser.user_found, 0);
   EXPECT_EQ(executed().size(), 1U);
+}
+
+TEST_F(Parameters, UserWhoseNameTheDbmsCannotStoreDoesNotExist) {
+  ASSERT_TRUE(zelvan::copy_text(analyser.user_name, "\xFF"));
+  zelvan::set_utf8_only(true);
+  EXPECT_EQ(analyser.otp_initparams(), INITPARAMS_NO_ROW);
+  zelvan::set_utf8_only(false);
+  EXPECT_EQ(analyser.user_exists, 0);
+  EXPECT_TRUE(executed().empty());
 }
 
 TEST_F(Parameters, UserFetchThatFailsIsNotAUserFound) {

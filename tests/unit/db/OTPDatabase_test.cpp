@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sqlext.h>
+#include <strings.h>
 
 #include <atomic>
 #include <string>
@@ -163,6 +164,16 @@ TEST_F(OTPDatabase, ConnectNotesADbmsThatDoesNot) {
     connect(database);
     EXPECT_FALSE(zelvan::backslash_escapes()) << name;
   }
+}
+
+TEST_F(OTPDatabase, ConnectNotesADbmsThatTakesUtf8Only) {
+  for (const char* const name : {"SQLite", "PostgreSQL", "postgresql 15", "MariaDB", ""}) {
+    COTPDatabase database;
+    odbc_set_dbms_name(name);
+    connect(database);
+    EXPECT_EQ(zelvan::storable_text("\xFF"), strcasestr(name, "postgresql") == nullptr) << name;
+  }
+  zelvan::set_utf8_only(false);
 }
 
 TEST_F(OTPDatabase, ANameOfTheDbmsThatIsTooLongIsCutAndUsed) {

@@ -25,8 +25,12 @@ class Statements : public testing::Test {
   Statements() {
     odbc_reset();
     zelvan::set_backslash_escapes(false);
+    zelvan::set_utf8_only(false);
   }
-  ~Statements() override { zelvan::set_backslash_escapes(false); }
+  ~Statements() override {
+    zelvan::set_backslash_escapes(false);
+    zelvan::set_utf8_only(false);
+  }
 
   // The text of a statement that can be built; "refused" otherwise.
   static std::string built(Statement statement, std::initializer_list<SqlValue> values) {
@@ -197,6 +201,14 @@ TEST_F(Statements, ABackslashIsDoubledOnlyWhereItEscapes) {
             "update userinfo set preusedate = now where username='\\\\'' or 1=1 #'");
   EXPECT_EQ(built(Statement::touch_user, {"now", "ends\\"}),
             "update userinfo set preusedate = now where username='ends\\\\'");
+}
+
+TEST_F(Statements, ATextThatTheDbmsCannotStoreIsRefused) {
+  EXPECT_NE(built(Statement::touch_user, {"now", "\xFF"}), "refused");
+  zelvan::set_utf8_only(true);
+  EXPECT_FALSE(zelvan::storable_text("\xFF"));
+  EXPECT_EQ(built(Statement::touch_user, {"now", "\xFF"}), "refused");
+  EXPECT_NE(built(Statement::touch_user, {"now", "Jos\xC3\xA9"}), "refused");
 }
 
 TEST_F(Statements, ATextOf255CharactersFitsAndOneOf256IsRefused) {
