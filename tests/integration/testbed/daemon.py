@@ -64,6 +64,11 @@ class Daemon:
         self.settings_path.write_text(settings_file.text(self.sections))
         self._clients = []
 
+    def change(self, changes):
+        """Changes the settings file before the start."""
+        self.sections = settings_file.merged(changes, self.port, self.smtp_port, self.db.login)
+        self.settings_path.write_text(settings_file.text(self.sections))
+
     def add_data_source(self, name):
         with self.odbc_ini.open("a") as file:
             file.write(self.db.data_source(name))
@@ -138,7 +143,7 @@ class Daemon:
             os.kill(pid, signal.SIGKILL)
         self.wait_gone()
 
-    def finish(self):
+    def finish(self, keep_database=False):
         """For the end of a test: nothing may be left running, no sanitizer may have found anything."""
         for client in self._clients:
             client.close()
@@ -148,7 +153,8 @@ class Daemon:
                 self.stop()
         finally:
             self.kill()
-            self.db.close()
+            if not keep_database:
+                self.db.close()
         reports = "\n".join(path.read_text(errors="replace") for path in self.folder.glob("sanitizer.*"))
         assert not reports, reports
         assert not died, "the daemon ended by itself"

@@ -225,7 +225,18 @@ class Postgresql(ServerDatabase):
         self.server.psql(self.name, "-f", servers.SQL / f"{name}.postgresql.sql")
 
     def data_source(self, name):
-        return f"[{name}]\nDriver=PostgreSQL ANSI\nServername={self.server.folder}\nDatabase={self.name}\n"
+        return (f"[{name}]\nDriver=PostgreSQL ANSI\nServername={self.server.folder}\nDatabase={self.name}\n"
+                "ConnSettings=set standard_conforming_strings = on\n")
+
+    def connections(self):
+        """The daemon's connections, by the numbers that the server gave them."""
+        return [row[0] for row in self.run("select pid from pg_stat_activity where datname = ? and usename <> ? "
+                                           "order by pid", self.name, servers.ADMINISTRATOR)]
+
+    def end_connections(self):
+        """Cuts the daemon's connections."""
+        for number in self.connections():
+            self.run("select pg_terminate_backend(?)", number)
 
     def refuse_updates(self, table):
         self.run("create function refuse() returns trigger language plpgsql as $$ begin raise exception 'no'; end $$")
@@ -261,6 +272,16 @@ class Mariadb(ServerDatabase):
     def data_source(self, name):
         return (f"[{name}]\nDriver=MariaDB Unicode\nSERVER=localhost\nSOCKET={self.server.folder}/socket\n"
                 f"DATABASE={self.name}\nCHARSET=utf8mb4\n")
+
+    def connections(self):
+        """The daemon's connections, by the numbers that the server gave them."""
+        return [row[0] for row in self.run("select id from information_schema.processlist where db = ? and user <> 'root' "
+                                           "order by id", self.name)]
+
+    def end_connections(self):
+        """Cuts the daemon's connections."""
+        for number in self.connections():
+            self.run(f"kill connection {number}")
 
     def refuse_updates(self, table):
         self.run(f"create trigger refuse before update on {table} for each row signal sqlstate '45000'")
