@@ -11,6 +11,7 @@ import os
 import re
 import shutil
 import signal
+import struct
 import subprocess
 import time
 from pathlib import Path
@@ -21,6 +22,7 @@ from testbed.ports import free_port
 from testbed.radius import CHAP_PASSWORD, Client, attribute
 
 SUPPORT = Path(__file__).resolve().parents[2] / "support"
+CLOCK = Path(os.environ.get("ZELVAN_BIN_DIR", ".")).parent / "tests" / "zelvan_shifted_clock.so"
 PATIENCE = 60  # seconds for something that must happen, on a busy machine
 
 
@@ -50,12 +52,14 @@ class Daemon:
         self.run_folder = self.folder / "run"
         self.executable = self.folder / "bin" / "zelvan"
         self.settings_path = self.folder / "bin" / "config" / "otp_conf.con"
+        self.clock = self.folder / "clock"
         self.secret = settings_file.SECRET
         self.port = free_port()
         self.smtp_port = free_port()
         self.pid = None
         (self.run_folder / "log").mkdir(parents=True)
         self.settings_path.parent.mkdir(parents=True)
+        self.clock.write_bytes(bytes(8))
         shutil.copy2(Path(os.environ["ZELVAN_BIN_DIR"]) / "zelvan", self.executable)
         self.db = db or make_database(self.folder, loose)
         self.odbc_ini = self.folder / "odbc.ini"
@@ -79,7 +83,8 @@ class Daemon:
         environment = dict(os.environ, ODBCINI=str(self.odbc_ini))
         # The SQLite driver loads this library for a moment and unloads it, and what it leaks could no longer be told from
         # leaks of ours.  It stays when it is loaded from the start, behind the sanitizer's own library.
-        environment["LD_PRELOAD"] = "libodbcinst.so.2"
+        environment["LD_PRELOAD"] = f"libodbcinst.so.2 {CLOCK}"
+        environment["ZELVAN_TEST_CLOCK"] = str(self.clock)
         log = f"log_path={self.folder}/sanitizer"
         environment["ASAN_OPTIONS"] = f"{log}:detect_leaks=1:verify_asan_link_order=0"
         environment["UBSAN_OPTIONS"] = f"{log}:print_stacktrace=1"
@@ -111,6 +116,16 @@ class Daemon:
         """Waits until a launched daemon owns its RADIUS port."""
         self.pid = wait_until(lambda: self._owner_of(self.port), f"port {self.port}: {self.server_log()}")
         return self
+
+    def advance(self, seconds):
+        """Sets the daemon's clock forward."""
+        shift = struct.unpack("q", self.clock.read_bytes())[0] + seconds
+        with self.clock.open("r+b") as file:
+            file.write(struct.pack("q", shift))
+
+    def descriptors(self):
+        """How many descriptors the daemon has open."""
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def _owner_of(self, port):
         return next((pid for pid in self.processes() if port in udp_ports(pid)), None)
