@@ -1,5 +1,6 @@
 """The tables of one daemon, as an administrator's shell sees them."""
 
+import contextlib
 import itertools
 import os
 import sqlite3
@@ -169,6 +170,13 @@ class Sqlite(Database):
         # NORMAL spares the disk; what it gives up is durability at a power cut, which no test looks at.
         return (f"[{name}]\nDriver=SQLite3\nDatabase={self.path}\nJournalMode=WAL\nSyncPragma=NORMAL\nTimeout=10000\n")
 
+    @contextlib.contextmanager
+    def locked(self, table):
+        """Nobody else writes meanwhile; SQLite locks all tables."""
+        self.run("begin immediate")
+        yield
+        self.run("commit")
+
     def refuse_updates(self, table):
         self.run(f"create trigger refuse before update on {table} begin select raise(abort, 'no'); end")
 
@@ -197,6 +205,27 @@ class ServerDatabase(Database):
     def add_login(self, name, password):
         self.server.add_login(name, password)
 
+    def connect_as_daemon(self):
+        """A connection with the daemon's rights."""
+        return self.connect(self.name, servers.LOGIN, servers.PASSWORD)
+
+    def take_all_connections(self):
+        """Takes what the daemon's login may have of the server's connections, the daemon's own included."""
+        self.end_connections()
+        taken = []
+        with contextlib.suppress(self.driver().OperationalError):
+            while len(taken) < 1000:
+                taken.append(self.connect_as_daemon())
+        return taken
+
+    @contextlib.contextmanager
+    def locked_row(self, user):
+        """Nobody else writes the user's row meanwhile."""
+        self.run("begin")
+        self.run("select 1 from userinfo where username = ? for update", user.name)
+        yield
+        self.run("commit")
+
 
 class Postgresql(ServerDatabase):
     MAINTENANCE, FORCE = "postgres", " with (force)"
@@ -212,14 +241,26 @@ class Postgresql(ServerDatabase):
             self.run(LOOSE_SCHEMA.format(text="text", integer="bigint",
                                          more=", id bigint generated always as identity"))
 
-    def connect(self, database):
+    @staticmethod
+    def driver():
         import psycopg2
+        return psycopg2
+
+    def connect(self, database, user=servers.ADMINISTRATOR, password=""):
         from psycopg2 import extensions
-        connection = psycopg2.connect(host=str(self.server.folder), user=servers.ADMINISTRATOR, dbname=database)
+        connection = self.driver().connect(host=str(self.server.folder), user=user, password=password, dbname=database)
         connection.autocommit = True
         as_text = extensions.new_type((1114,), "timestamp", lambda value, _: value)
         extensions.register_type(as_text, connection)
         return connection
+
+    @contextlib.contextmanager
+    def locked(self, table):
+        """Nobody else reads or writes the table meanwhile."""
+        self.run("begin")
+        self.run(f"lock table {table} in access exclusive mode")
+        yield
+        self.run("commit")
 
     def install(self, name):
         self.server.psql(self.name, "-f", servers.SQL / f"{name}.postgresql.sql")
@@ -259,12 +300,23 @@ class Mariadb(ServerDatabase):
         else:
             self.install("schema")
 
-    def connect(self, database):
+    @staticmethod
+    def driver():
         import pymysql
+        return pymysql
+
+    def connect(self, database, user="root", password=""):
         from pymysql.constants import FIELD_TYPE
-        converters = pymysql.converters.conversions | {FIELD_TYPE.DATETIME: str}
-        return pymysql.connect(unix_socket=str(self.server.folder / "socket"), user="root", database=database,
-                               charset="utf8mb4", autocommit=True, conv=converters)
+        converters = self.driver().converters.conversions | {FIELD_TYPE.DATETIME: str}
+        return self.driver().connect(unix_socket=str(self.server.folder / "socket"), user=user, password=password,
+                                     database=database, charset="utf8mb4", autocommit=True, conv=converters)
+
+    @contextlib.contextmanager
+    def locked(self, table):
+        """Nobody else reads or writes the table meanwhile."""
+        self.run(f"lock tables {table} write")
+        yield
+        self.run("unlock tables")
 
     def install(self, name):
         self.server.mariadb(self.name, (servers.SQL / f"{name}.mariadb.sql").read_text())
