@@ -98,11 +98,11 @@ int COTPDatabase::DBReConnect() {
   const zelvan::ScopedLock lock(dbrecon_mutex);
   if (zelvan::now_seconds() - last_reconnect_ <= zelvan::kReconnectPause) return zelvan::kReconnectTooSoon;
 
-  // The handle is withdrawn before it is freed, so that no statement object starts with a freed one.
-  {
-    const std::unique_lock closing(closing_mutex_);
-    if (zelvan::discard_connection(connection_.exchange(SQL_NULL_HDBC))) ++closings_;
-  }
+  // No other thread may be in the driver manager until the connection stands: SQLConnect changes the level at which the
+  // manager locks for this handle, and a call that began at the old level would leave its lock behind for ever.  A
+  // statement object with a copy of the old handle can make such a call, since the new one may get the same address.
+  const std::unique_lock closing(closing_mutex_);
+  if (zelvan::discard_connection(connection_.exchange(SQL_NULL_HDBC))) ++closings_;
 
   // Deliberate: without a new handle the connection stays null, later statement objects are unconnected and nothing
   // asks for a reconnect any more: the server is without database until it is restarted.

@@ -105,7 +105,7 @@ class COTPDatabase {
   std::atomic<SQLHDBC> connection_{SQL_NULL_HDBC};  // a reconnect replaces it while other threads copy it
   std::atomic<int> connected_{0};                   // 1 once SQLConnect has returned anything but SQL_ERROR
   std::time_t last_reconnect_;                      // seconds, UTC; guarded by dbrecon_mutex
-  mutable std::shared_mutex closing_mutex_;         // shared: a call on a statement; exclusive: closing the connection
+  mutable std::shared_mutex closing_mutex_;         // shared: a call on a statement; exclusive: a reconnect
   unsigned int closings_ = 0;                       // see closings(); guarded by closing_mutex_
 };
 
