@@ -40,8 +40,8 @@ bool set_attribute(SQLHENV environment, SQLINTEGER attribute, std::uintptr_t val
   return SQLSetEnvAttr(environment, attribute, integer_attribute(value), 0) != SQL_ERROR;
 }
 
-// Tells the statement builder how the DBMS at the other end reads text.  Without an answer a backslash is doubled: where
-// that is wrong a name with a backslash is not found, where leaving it out is wrong a name could end its quotes.
+// Tells the statement builder how the DBMS at the other end reads text.  Without an answer a backslash is doubled:
+// where that is wrong a name with a backslash is not found, where leaving it out is wrong a name could end its quotes.
 void note_dbms(SQLHDBC connection) {
   std::array<char, 128> name{};
   const SQLRETURN code =
