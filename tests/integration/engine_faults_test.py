@@ -257,6 +257,18 @@ class TestTables:
         assert daemon.db.factor(user) == 1
 
     @needs_server
+    @pytest.mark.parametrize("table", ["userinfo", "keyinfo"])
+    def test_a_lock_that_does_not_end_costs_five_seconds(self, prepare, table):
+        """The data source sets how long a statement waits; the code is good once the lock is gone."""
+        daemon = prepare(SETTINGS).start()
+        user, client = daemon.db.add_user(), daemon.client()
+        with daemon.db.locked(table):
+            started = time.monotonic()
+            assert client.pap(user.name, user.code(0)).plain_reject
+            assert 4 < time.monotonic() - started < 20
+        assert client.pap(user.name, user.code(0)).code == ACCEPT
+
+    @needs_server
     def test_a_locked_row_delays_the_answer(self, prepare):
         daemon = prepare(SETTINGS).start()
         user, client = daemon.db.add_user(), daemon.client()

@@ -267,7 +267,7 @@ class Postgresql(ServerDatabase):
 
     def data_source(self, name):
         return (f"[{name}]\nDriver=PostgreSQL ANSI\nServername={self.server.folder}\nDatabase={self.name}\n"
-                "ConnSettings=set standard_conforming_strings = on\n")
+                "ConnSettings=set standard_conforming_strings = on; set statement_timeout = '5s'\n")
 
     def connections(self):
         """The daemon's connections, by the numbers that the server gave them."""
@@ -323,7 +323,8 @@ class Mariadb(ServerDatabase):
 
     def data_source(self, name):
         return (f"[{name}]\nDriver=MariaDB Unicode\nSERVER=localhost\nSOCKET={self.server.folder}/socket\n"
-                f"DATABASE={self.name}\nCHARSET=utf8mb4\n")
+                f"DATABASE={self.name}\nCHARSET=utf8mb4\nCONN_TIMEOUT=5\nREAD_TIMEOUT=10\nWRITE_TIMEOUT=10\n"
+                "INITSTMT=set innodb_lock_wait_timeout = 5, lock_wait_timeout = 5\n")
 
     def connections(self):
         """The daemon's connections, by the numbers that the server gave them."""
