@@ -21,6 +21,7 @@
 #include "pool/threadpool.h"
 #include "server/sender.h"
 #include "server/worker.h"
+#include "sync/synchronize.h"
 
 int socksrv;
 
@@ -28,6 +29,7 @@ int socksrv;
 // shorter one.
 static unsigned char buf[512];
 
+static pthread_t synchronise_thread;
 static pthread_t datasend_thread;
 static pthread_t sendmail_thread;
 
@@ -67,6 +69,7 @@ void start_thread(pthread_t& id, void* (*body)(void*), void* argument) {
 }
 
 void start_threads() {
+  start_thread(synchronise_thread, synsecretinfo, &nexit);
   start_thread(datasend_thread, senddata, nullptr);
   if (ng_mail_need == kMailEnabled) start_thread(sendmail_thread, otp_sendmail, nullptr);
 }
