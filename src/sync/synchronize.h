@@ -6,7 +6,7 @@
 // Differs  Nothing is ever logged, not even that the port is taken: the thread then ends and RADIUS goes on.
 // Threads  Started once by the receive loop, which does not wait for it at shutdown.
 // Memory   The statement object lives as long as the thread and keeps the connection it was made with; after a
-//          reconnect the service refuses its requests until the server is restarted.
+//          reconnect the service may refuse every request until the server is restarted.
 #pragma once
 
 #include "sync/token_state.h"  // countadd, getcurtime
