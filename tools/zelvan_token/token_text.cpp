@@ -52,7 +52,8 @@ Secret from_hex(const std::string& text, std::size_t limit, const char* member) 
 std::int64_t number_in(const Json& json, const char* member, std::int64_t least, std::int64_t most) {
   const Json& value = json.at(member);
   // A number beyond 63 bits would read as a negative one.
-  if (!value.is_number_integer()) throw BadText(fmt::format("{} is no whole number", member));
+  const bool too_large = value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX;
+  if (!value.is_number_integer() || too_large) throw BadText(fmt::format("{} is no whole number", member));
   const auto number = value.get<std::int64_t>();
   if (number < least || number > most) throw BadText(fmt::format("{} is not from {} to {}", member, least, most));
   return number;
