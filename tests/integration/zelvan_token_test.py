@@ -129,7 +129,7 @@ class TestRoundTrip:
         user = db.add_user(kind=TIMED, step=1, used=-100, factor=1000)
         token.fetch(user, 1100)
         for _ in range(10):
-            for _ in range(3):
+            for _ in range(2):
                 token.code(user)
             assert login(daemon, user, token.code(user)).code == ACCEPT
 

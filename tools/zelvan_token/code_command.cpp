@@ -60,7 +60,7 @@ void sleep_until(std::time_t moment) {
 }
 
 // Draws a counter; with --wait as soon as there is one.
-StoredDraw draw_in_time(const std::filesystem::path& path, const Options& options) {
+StoredDraw draw_in_time(const Common& common, const std::filesystem::path& path, const Options& options) {
   for (;;) {
     const std::time_t now = now_seconds();
     StoredDraw drawn = draw_from_file(path, now);
@@ -71,12 +71,13 @@ StoredDraw draw_in_time(const std::filesystem::path& path, const Options& option
                                 "each once; the next one comes in {} (--wait waits for it)",
                                 seconds_text(drawn.draw.wait)));
     }
+    if (!common.json) say(fmt::format("waiting {} for a fresh code", seconds_text(drawn.draw.wait)));
     sleep_until(now + static_cast<std::time_t>(drawn.draw.wait));
   }
 }
 
 void give_code(const Common& common, const std::filesystem::path& path, const Options& options) {
-  const StoredDraw drawn = draw_in_time(path, options);
+  const StoredDraw drawn = draw_in_time(common, path, options);
   Json json;
   json["user"] = drawn.token.user;
   json["counter"] = drawn.draw.counter;

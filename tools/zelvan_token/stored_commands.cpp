@@ -37,7 +37,7 @@ void show(const Common& common, const Choice& choice) {
     text = "There is no token here. Fetch one: zelvan-token fetch USER --server HOST\n";
   write_result(common, list, text);
   for (std::size_t i = 1; i < failures.size(); ++i) write_failure(common, failures[i].what(), failures[i].code());
-  if (!failures.empty()) throw failures.front();
+  if (!failures.empty()) throw Failure(failures.front());
 }
 
 void forget(const Common& common, const Choice& choice) {

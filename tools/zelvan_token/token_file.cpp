@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kFolderMode = 0700;
-constexpr std::size_t kLargestFile = 64 * 1024;
+constexpr std::size_t kLargestFile = 65536;
 constexpr auto kLockPause = std::chrono::milliseconds(10);
 
 Failure unusable(const fs::path& path, const std::string& why) {
