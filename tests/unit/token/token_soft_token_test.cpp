@@ -189,9 +189,10 @@ TEST(TimeSteppedToken, NeverGivesACounterTwiceWhateverTheClockDoes) {
 
 TEST(TimeSteppedToken, TakesATimeBeforeTheFetchAsTheFetch) {
   SoftToken token = timed_token();
-  const Draw draw = draw_counter(token, kServerClock - 30);
+  const Draw draw = draw_counter(token, kServerClock - 90);
   EXPECT_EQ(100U, draw.counter);
-  EXPECT_EQ(90, draw.seconds_left);
+  EXPECT_FALSE(draw.ahead);
+  EXPECT_EQ(150, draw.seconds_left);
 }
 
 TEST(TimeSteppedToken, CrossesTheLargestCounter) {
