@@ -348,6 +348,11 @@ TEST_F(ReceiveLoop, BindsThePortOfTheSettings) {
   EXPECT_EQ(port_, free_port);
 }
 
+TEST_F(ReceiveLoop, SynchronisationThreadIsStartedWithTheExitFlag) {
+  start();
+  record.wait_for_thread("synsecretinfo");  // its stand-in has checked the argument
+}
+
 TEST_F(ReceiveLoop, MailThreadIsStartedOnlyWhenMailIsExactly1) {
   for (const int need : {0, 2, -1}) {
     SetUp();
