@@ -214,7 +214,18 @@ TEST(TokenFolder, IsInTheHomeOfTheAccountWithoutAnEnvironment) {
   EXPECT_TRUE(token_folder().is_absolute());
 }
 
-class Locked : public test::Folder {};
+class Locked : public test::Folder {
+ protected:
+  // How many descriptors of this process are the lock file.
+  [[nodiscard]] int open_locks() const {
+    int count = 0;
+    std::error_code gone;  // the descriptor of the listing itself
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      if (std::filesystem::read_symlink(entry.path(), gone) == path_.string() + ".lock") ++count;
+    }
+    return count;
+  }
+};
 
 TEST_F(Locked, KeepsOthersOut) {
   const FileLock lock(path_);
@@ -235,6 +246,7 @@ TEST_F(Locked, HoldsBackWhoeverWaitsForARemovedLockFile) {
     EXPECT_TRUE(std::filesystem::exists(path_.string() + ".lock"));
     EXPECT_EQ(kFileUnusable, failure_of([&] { const FileLock third(path_, 0); }));
   });
+  while (open_locks() < 2) ::usleep(1000);
   first->remove_file();
   EXPECT_FALSE(got);
   first.reset();
