@@ -1,0 +1,7 @@
+#include "zelvanctl/token_command.h"
+
+namespace zelvan::ctl {
+
+void register_token_command(CLI::App&, Context&) {}
+
+}  // namespace zelvan::ctl
