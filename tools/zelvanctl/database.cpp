@@ -102,20 +102,22 @@ class Statement {
     SQLSMALLINT c_type = SQL_C_CHAR;
     SQLSMALLINT sql_type = SQL_VARCHAR;
     SQLULEN size = 1;
+    SQLLEN length = 0;  // bytes of a text
     const void* value = nullptr;
     if (const std::int64_t* number = parameter.number()) {
       c_type = SQL_C_SBIGINT;
       sql_type = SQL_BIGINT;
       value = number;
     } else if (const Secret* text = parameter.text()) {
-      indicator = static_cast<SQLLEN>(text->reveal().size());
+      length = static_cast<SQLLEN>(text->reveal().size());
+      indicator = length;
       size = std::max<SQLULEN>(text->reveal().size(), 1);
       value = text->reveal().c_str();
     } else {
       indicator = SQL_NULL_DATA;
     }
     const SQLRETURN result = SQLBindParameter(handle_, static_cast<SQLUSMALLINT>(index + 1), SQL_PARAM_INPUT, c_type,
-                                              sql_type, size, 0, const_cast<void*>(value), indicator, &indicator);
+                                              sql_type, size, 0, const_cast<void*>(value), length, &indicator);
     if (!succeeded(result)) throw failure("cannot bind a value");
   }
 

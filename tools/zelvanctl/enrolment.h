@@ -2,16 +2,23 @@
 // person.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "zelvanctl/command.h"
 
 namespace zelvan::ctl {
 
-// Options that describe a new token and how it is shown.
+// Options that describe a new token and how it is shown.  What is not given is taken from TokenPlan, or from the token
+// that the new one replaces.
 struct EnrolmentOptions {
-  std::string type = "time";
-  TokenPlan plan;
+  std::string type;
+  std::optional<int> digits;
+  std::optional<int> window;
+  std::optional<int> step;
+  std::uint64_t counter = 0;
+  std::string serial;
   bool qr = false;
   std::string issuer = "Zelvan";
 };
@@ -23,7 +30,8 @@ void declare_plan(CLI::App& verb, EnrolmentOptions& options);
 void declare_showing(CLI::App& verb, EnrolmentOptions& options);
 
 // Returns the plan after its values are checked; throws Failure (kUsage).
-TokenPlan checked_plan(const EnrolmentOptions& options);
+//   replaced  the token whose kind the new one takes over; may be null
+TokenPlan checked_plan(const EnrolmentOptions& options, const Token* replaced = nullptr);
 
 // Shows the result of a command about one token: `text` and `json`, then the QR code with --qr, then key and URI with
 // --show-secrets.
