@@ -1,6 +1,7 @@
 """Users and tokens that zelvanctl makes log in at the real daemon with codes from oathtool."""
 
 import re
+import subprocess
 import time
 
 import pytest
@@ -94,7 +95,6 @@ class TestQrCodes:
         uri = tool.json("token", "qr", "uri", "--issuer", "Example VPN", "--show-secrets")["uri"]
         fields = dict(field.split("=") for field in uri.split("?")[1].split("&"))
         assert uri.startswith("otpauth://totp/Example%20VPN:uri?") and fields["issuer"] == "Example%20VPN"
-        import subprocess
         code = subprocess.run(["oathtool", "-b", "--totp", "-d", fields["digits"], "-s", fields["period"], "-"],
                               input=fields["secret"], capture_output=True, text=True, check=True).stdout.strip()
         assert client.pap("uri", code).code == ACCEPT

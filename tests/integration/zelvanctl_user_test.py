@@ -1,7 +1,14 @@
 """zelvanctl user: accounts, prompts, and what scripts get."""
 
+import os
+import pty
+import signal
+import subprocess
+import termios
+
 import pytest
 
+from testbed.daemon import wait_until
 from testbed.database import utc
 from testbed.radius import ACCEPT, REJECT
 from testbed.zelvanctl import NOT_FOUND, REFUSED, USAGE, Tool, oathtool
@@ -74,6 +81,7 @@ class TestAdding:
         assert db.run("select serialnum from userinfo where username = 'add5'")[0][0] == "SPARE-1"
         assert "belongs to user add5" in tool.run("user", "add", "add6", "--token", "SPARE-1", code=REFUSED).stderr
         tool.run("user", "add", "add6", "--token", "NONE", code=NOT_FOUND)
+        tool.run("user", "add", "add6", "--token", "SPARE-1", "--digits", "8", code=USAGE)
 
 
 class TestPins:
@@ -89,6 +97,18 @@ class TestPins:
                                   answers=[("PIN for pin3: ", "typed-pin"), ("Again: ", "typed-pin")])
         assert "typed-pin" not in screen
         assert db.run("select pin from userinfo where username = 'pin3'")[0][0] == "typed-pin"
+
+    def test_an_interrupt_at_the_prompt_turns_the_echo_on_again(self, db, tool):
+        keyboard, terminal = pty.openpty()
+        process = subprocess.Popen([str(tool.executable), "user", "add", "pin6", "--pin"], env=tool.environment,
+                                   stdin=terminal, stdout=terminal, stderr=terminal)
+        wait_until(lambda: not termios.tcgetattr(terminal)[3] & termios.ECHO, "the prompt without echo")
+        process.send_signal(signal.SIGINT)
+        assert process.wait(60) == -signal.SIGINT
+        assert termios.tcgetattr(terminal)[3] & termios.ECHO
+        os.close(keyboard)
+        os.close(terminal)
+        assert db.run("select * from userinfo where username = 'pin6'") == []
 
     def test_different_answers_change_nothing(self, db, tool):
         tool.at_terminal("user", "add", "pin4", "--pin", answers=[("PIN for pin4: ", "one"), ("Again: ", "two")],

@@ -70,6 +70,11 @@ TokenPlan checked_plan(const EnrolmentOptions& options, const Token* replaced) {
   return plan;
 }
 
+bool describes_new_token(const EnrolmentOptions& options) {
+  return !options.type.empty() || options.digits || options.window || options.step || options.counter != 0 ||
+         !options.serial.empty();
+}
+
 void show_enrolment(Context& context, const EnrolmentOptions& options, const Token& token, const std::string& account,
                     Json json, const std::string& text) {
   const std::string problem = app_problem(token);

@@ -33,6 +33,9 @@ void declare_showing(CLI::App& verb, EnrolmentOptions& options);
 //   replaced  the token whose kind the new one takes over; may be null
 TokenPlan checked_plan(const EnrolmentOptions& options, const Token* replaced = nullptr);
 
+// True when an option says how a new token is to be.
+bool describes_new_token(const EnrolmentOptions& options);
+
 // Shows the result of a command about one token: `text` and `json`, then the QR code with --qr, then key and URI with
 // --show-secrets.
 //   account  the user; empty: the serial number stands in for the name

@@ -1,8 +1,9 @@
 // zelvanctl: users, tokens, tables and the audit trail from the command line.
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <exception>
-#include <iostream>
+#include <string_view>
 
 #include "zelvanctl/audit_command.h"
 #include "zelvanctl/command.h"
@@ -44,6 +45,17 @@ void describe(CLI::App& program) {
       "Every noun and verb has its own --help.\n");
 }
 
+// Help and version are no failures; a failure may come before --json was read.
+int end_parsing(const CLI::App& program, const CLI::ParseError& error, int argc, char** argv, Context& context) {
+  const bool json = std::any_of(argv, argv + argc, [](const char* word) { return std::string_view(word) == "--json"; });
+  if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success) || !json) {
+    return program.exit(error) == 0 ? kOk : kUsage;
+  }
+  context.out.set_json(true);
+  context.out.failure(error.what(), kUsage);
+  return kUsage;
+}
+
 int run(int argc, char** argv, Context& context) {
   CLI::App program("Administers the users and tokens of the Zelvan one-time-password server.", "zelvanctl");
   describe(program);
@@ -56,7 +68,7 @@ int run(int argc, char** argv, Context& context) {
     program.parse(argc, argv);
     return context.exit_code;
   } catch (const CLI::ParseError& error) {
-    return program.exit(error) == 0 ? kOk : kUsage;
+    return end_parsing(program, error, argc, argv, context);
   }
 }
 

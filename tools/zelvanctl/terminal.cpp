@@ -3,9 +3,12 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <string_view>
 
@@ -14,22 +17,37 @@
 namespace zelvan::ctl {
 namespace {
 
-// Turns off the echo of standard input, and back on at the end.
+volatile std::sig_atomic_t caught_signal = 0;
+
+void catch_signal(int signal) { caught_signal = signal; }
+
+// Turns off the echo of standard input, and back on at the end, also when a signal interrupts the question: it is
+// held until the terminal is as before.
 class NoEcho {
  public:
   NoEcho() {
     if (tcgetattr(STDIN_FILENO, &before_) != 0) throw Failure(kFailed, "cannot turn off the terminal's echo");
+    struct sigaction action {};
+    action.sa_handler = catch_signal;  // without SA_RESTART, so that the reading ends
+    for (std::size_t i = 0; i < kSignals.size(); ++i) (void)sigaction(kSignals.at(i), &action, &actions_.at(i));
     termios quiet = before_;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     quiet.c_lflag |= ECHONL;
-    if (tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet) != 0) throw Failure(kFailed, "cannot turn off the terminal's echo");
+    (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
   }
-  ~NoEcho() { (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_); }
+  ~NoEcho() {
+    (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
+    for (std::size_t i = 0; i < kSignals.size(); ++i) (void)sigaction(kSignals.at(i), &actions_.at(i), nullptr);
+    if (caught_signal != 0) (void)raise(caught_signal);
+  }
   NoEcho(const NoEcho&) = delete;
   NoEcho& operator=(const NoEcho&) = delete;
 
  private:
+  static constexpr std::array kSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
   termios before_{};
+  std::array<struct sigaction, kSignals.size()> actions_{};
 };
 
 // Reads a line of standard input byte by byte, so that nothing beyond it is taken and no copy stays in a buffer.

@@ -102,6 +102,9 @@ void add(Context& context, AddOptions& options) {
     throw Failure(kRefused, fmt::format("user {} exists already", options.name));
   }
   const bool spare = !options.token.empty();
+  if (spare && describes_new_token(options.enrolment)) {
+    throw Failure(kUsage, "--token takes a token as it is; leave out the options of a new one");
+  }
   const Token token = spare ? spare_token(context, options.token) : make_token(plan, now_seconds());
   const auto pin = read_pin(options.pin, options.name);
   const User user = new_user(options, token.serial, pin);
