@@ -13,7 +13,7 @@
 #include "mail/OTP_SMTP.h"
 #include "mail/time_limits.h"
 
-std::vector<char*> sendmaillist;
+std::vector<char*>& sendmaillist = *new std::vector<char*>;
 pthread_mutex_t sendmail_mutex;
 std::atomic<int> nmailthreadclose{0};
 

@@ -15,7 +15,8 @@
 
 // Addresses that wait for their mail, oldest first: NUL-terminated texts from array new, at most
 // zelvan::kMailQueueLimit of them.  Null entries are allowed and skipped.  Guarded by sendmail_mutex.
-extern std::vector<char*> sendmaillist;
+// Never destroyed: a detached thread may still use it while the process ends.
+extern std::vector<char*>& sendmaillist;
 
 // Guards sendmaillist.  Start-up initialises it with MyInitLock before any other thread exists.
 extern pthread_mutex_t sendmail_mutex;

@@ -12,7 +12,7 @@
 #include <vector>
 
 // One request that was taken.  Port, address and identifier are the key.
-struct _pack_info {  // NOLINT(bugprone-reserved-identifier): a given name
+struct _pack_info {          // NOLINT(bugprone-reserved-identifier): a given name
   std::uint16_t port;        // client's UDP port, as WorkItemView::port_key
   unsigned char address[4];  // client's IPv4 address, network order
   std::uint8_t identifier;   // RADIUS Identifier
