@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <string_view>
 
 #include "zelvanctl/failure.h"
@@ -97,6 +96,13 @@ Secret read_secret(const std::string& what) {
     throw Failure(kRefused, "the two entries differ; nothing changed");
   }
   return *first;
+}
+
+std::optional<Secret> read_secret_once(const std::string& what) {
+  if (!is_terminal(STDIN_FILENO)) return read_line();
+  const NoEcho quiet;
+  say(what + ": ");
+  return read_line();
 }
 
 bool ask_yes_no(const std::string& question) {
