@@ -191,7 +191,9 @@ std::string verdict(const std::vector<Step>& steps) {
 
 void doctor(Context& context, DoctorOptions& options) {
   const WorkingFolder folder = working_folder(context.settings(), options.folder);
-  const bool reachable = check_data_source(context.settings(), kProbePatience).empty();
+  DatabaseLogin login;
+  const bool reachable = load_database_login(context.settings().file(), login) &&
+                         check_data_source(context.settings(), kProbePatience).empty();
   const std::vector<std::pair<std::string, std::function<Step()>>> looks{
       {"settings",
        [&] {
@@ -227,7 +229,7 @@ void register_doctor_command(CLI::App& program, Context& context) {
       "which leaves no trace. The exit code is 0 when nothing is wrong or there are only warnings, else 1.\n"
       "\n"
       "Examples:\n"
-      "  sudo zelvanctl doctor\n"
+      "  zelvanctl doctor\n"
       "  zelvanctl doctor --json | jq -r '.steps[].findings[] | \"\\(.level) \\(.where): \\(.what)\"'\n");
   command
       ->add_option("--directory", options->folder,
