@@ -36,7 +36,7 @@ enum updateconfig_result : int {
   UPDATECONFIG_OK = 0,
   UPDATECONFIG_NO_PATH = -1,  // config_init was never called
   UPDATECONFIG_NO_FILE = -2,  // the file cannot be opened for writing
-  UPDATECONFIG_SHORT = -6,    // a write came out short: the file is left as far as it got
+  UPDATECONFIG_SHORT = -6,    // a write came out short, or closing failed: the file is left as far as it got
 };
 
 class CConfigFile {

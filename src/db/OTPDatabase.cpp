@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "base/clock.h"
@@ -39,13 +40,13 @@ bool set_attribute(SQLHENV environment, SQLINTEGER attribute, std::uintptr_t val
   return SQLSetEnvAttr(environment, attribute, integer_attribute(value), 0) != SQL_ERROR;
 }
 
-// Tells the statement builder how the DBMS at the other end reads a backslash.  Without an answer nothing changes.
+// Tells the statement builder how the DBMS at the other end reads a backslash.  Without an answer it is doubled: where
+// that is wrong a name with a backslash is not found, where leaving it out is wrong a name could end its quotes.
 void note_backslash_escapes(SQLHDBC connection) {
   std::array<char, 128> name{};
   const SQLRETURN code =
       SQLGetInfo(connection, SQL_DBMS_NAME, name.data(), static_cast<SQLSMALLINT>(name.size() - 1), nullptr);
-  if (!SQL_SUCCEEDED(code)) return;
-  zelvan::set_backslash_escapes(strcasestr(name.data(), "mariadb") != nullptr ||
+  zelvan::set_backslash_escapes(!SQL_SUCCEEDED(code) || strcasestr(name.data(), "mariadb") != nullptr ||
                                 strcasestr(name.data(), "mysql") != nullptr);
 }
 
@@ -82,6 +83,7 @@ int COTPDatabase::DBDisconnect() {
   }
   // At exit a thread that outlives main may still be reconnecting.
   const zelvan::ScopedLock lock(dbrecon_mutex);
+  const std::unique_lock closing(closing_mutex_);
   free_texts();
   if (SQLDisconnect(connection_) == SQL_ERROR) return zelvan::kDisconnectFailed;
   connected_ = 0;
@@ -95,7 +97,10 @@ int COTPDatabase::DBReConnect() {
   if (zelvan::now_seconds() - last_reconnect_ <= zelvan::kReconnectPause) return zelvan::kReconnectTooSoon;
 
   // The handle is withdrawn before it is freed, so that no statement object starts with a freed one.
-  zelvan::discard_connection(connection_.exchange(SQL_NULL_HDBC));
+  {
+    const std::unique_lock closing(closing_mutex_);
+    if (zelvan::discard_connection(connection_.exchange(SQL_NULL_HDBC))) ++closings_;
+  }
 
   // Deliberate: without a new handle the connection stays null, later statement objects are unconnected and nothing
   // asks for a reconnect any more: the server is without database until it is restarted.

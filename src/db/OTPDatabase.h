@@ -5,8 +5,9 @@
 //
 // Source   ODBC 3 call-level interface through the driver manager.
 // Differs  Diagnostic records are not read and nothing is logged: callers log their own failures.
-// Threads  DBConnect and DBDisconnect belong to start-up and exit.  DBReConnect and connection() may be called by any
-//          thread; reconnects are serialised by `dbrecon_mutex`, statements take no lock.
+// Threads  DBConnect and DBDisconnect belong to start-up and exit.  The other functions may be called by any thread.
+//          Reconnects are serialised by `dbrecon_mutex`.  Statements run at the same time; only closing the connection
+//          waits for the calls under way, and lets no other begin meanwhile.
 // Memory   Owns copies of the three texts of DBConnect, wiped before they are freed, and its two ODBC handles.
 #pragma once
 
@@ -16,6 +17,7 @@
 #include <atomic>
 #include <ctime>
 #include <memory>
+#include <shared_mutex>
 
 namespace zelvan {
 
@@ -72,6 +74,14 @@ class COTPDatabase {
   // Returns the handle that new statements may use: null when unconnected, or when a reconnect got no handle.
   [[nodiscard]] SQLHDBC connection() const { return connected_ != 0 ? connection_.load() : SQLHDBC{nullptr}; }
 
+  // Keeps the connection from being closed while the result lives.  To be held around every ODBC call on a statement
+  // of this connection, and never while DBReConnect is called.
+  [[nodiscard]] std::shared_lock<std::shared_mutex> hold() const { return std::shared_lock(closing_mutex_); }
+
+  // Returns how often the connection was closed by a reconnect, which frees its statements: a statement handle from
+  // before must not be used again, since a new statement may have been given the same address.  Call it with a hold.
+  [[nodiscard]] unsigned int closings() const { return closings_; }
+
  protected:
   // Takes over a copy of the connection handle of `source`, if it has one.
   void borrow_connection(const COTPDatabase& source);
@@ -95,10 +105,12 @@ class COTPDatabase {
   std::atomic<SQLHDBC> connection_{SQL_NULL_HDBC};  // a reconnect replaces it while other threads copy it
   std::atomic<int> connected_{0};                   // 1 once SQLConnect has returned anything but SQL_ERROR
   std::time_t last_reconnect_;                      // seconds, UTC; guarded by dbrecon_mutex
+  mutable std::shared_mutex closing_mutex_;         // shared: a call on a statement; exclusive: closing the connection
+  unsigned int closings_ = 0;                       // see closings(); guarded by closing_mutex_
 };
 
 // The shared connection.
 extern COTPDatabase otp_database;
 
-// Serialises reconnects.  Only the mutex of the statement handles is locked while it is held.
+// Serialises reconnects.  Inside it the connection's own mutex is locked, and inside that the statement handles' one.
 extern pthread_mutex_t dbrecon_mutex;

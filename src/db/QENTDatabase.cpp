@@ -21,6 +21,11 @@ namespace {
 // is discarded.
 bool is_select(const char* sql) { return strncasecmp(sql, "select", 6) == 0; }
 
+// Stands for a statement that was freed: an address that no driver manager hands out, so that every call with it is
+// answered with SQL_INVALID_HANDLE.  As large as what a driver manager may look at.
+std::array<unsigned char, 4096> lost_statement_memory{};
+constexpr SQLHSTMT lost_statement = lost_statement_memory.data();
+
 // SQLExecDirect takes a text that it does not write to without const.
 SQLRETURN execute(SQLHSTMT statement, const char* sql) {
   return SQLExecDirect(statement, reinterpret_cast<SQLCHAR*>(const_cast<char*>(sql)), SQL_NTS);
@@ -35,9 +40,12 @@ CQENTDatabase::CQENTDatabase(COTPDatabase* source) : borrowed_(1), source_(sourc
 }
 
 CQENTDatabase::~CQENTDatabase() {
-  if (statement_ != SQL_NULL_HSTMT) {
-    (void)close_cursor();
-    (void)free_statement();
+  {
+    const auto held = hold_statement();
+    if (statement_ != SQL_NULL_HSTMT) {
+      (void)close_cursor();
+      (void)free_statement();
+    }
   }
   (void)CQENTDatabase::DBDisconnect();
 }
@@ -50,6 +58,7 @@ int CQENTDatabase::DBConnect(const SQLCHAR* dsn, SQLSMALLINT dsn_length, const S
 
 int CQENTDatabase::DBDisconnect() {
   if (borrowed_ == 0) return COTPDatabase::DBDisconnect();
+  const auto held = hold_statement();
   const SQLRETURN code = statement_ != SQL_NULL_HSTMT ? free_statement() : SQLRETURN{SQL_SUCCESS};
   forget_connection();
   return code;
@@ -57,34 +66,53 @@ int CQENTDatabase::DBDisconnect() {
 
 int CQENTDatabase::ExecuteDirect(const char* sql) {
   if (sql == nullptr || connection() == SQL_NULL_HDBC) return zelvan::kNotExecuted;
-  return is_select(sql) ? execute_select(sql) : execute_update(sql);
+  auto held = hold_statement();
+  const Execution execution = is_select(sql) ? execute_select(sql) : execute_update(sql);
+  if (execution == Execution::done) return zelvan::kExecuted;
+
+  // The failed text is not run again, and whether the reconnect succeeded is not looked at: this object goes on with
+  // its copy of the old handle, objects made later use the new one.
+  if (held.owns_lock()) held.unlock();
+  if (execution == Execution::needs_reconnect && source_ != nullptr) (void)source_->DBReConnect();
+  return zelvan::kNotExecuted;
 }
 
-int CQENTDatabase::execute_select(const char* sql) {
+CQENTDatabase::Execution CQENTDatabase::execute_select(const char* sql) {
   if (statement_ != SQL_NULL_HSTMT) {
-    if (close_cursor() == SQL_ERROR) return zelvan::kNotExecuted;
+    if (close_cursor() == SQL_ERROR) return Execution::failed;
   } else if (!open_statement()) {
-    return fail_and_reconnect();
+    return Execution::needs_reconnect;
   }
   // Deliberate: only SQL_ERROR is a failure.  A select on a connection that a reconnect has freed is answered with
   // SQL_INVALID_HANDLE and counts as executed; its FetchRow then fails.
-  if (execute(statement_, sql) != SQL_ERROR) return zelvan::kExecuted;
+  if (execute(statement_, sql) != SQL_ERROR) return Execution::done;
   (void)free_statement();
-  return fail_and_reconnect();
+  return Execution::needs_reconnect;
 }
 
-int CQENTDatabase::execute_update(const char* sql) {
+CQENTDatabase::Execution CQENTDatabase::execute_update(const char* sql) {
   if (statement_ != SQL_NULL_HSTMT) {
-    if (close_cursor() == SQL_ERROR) return zelvan::kNotExecuted;
+    if (close_cursor() == SQL_ERROR) return Execution::failed;
     (void)free_statement();
   }
-  if (!open_statement()) return fail_and_reconnect();
+  if (!open_statement()) return Execution::needs_reconnect;
   const SQLRETURN executed = execute(statement_, sql);
   const SQLRETURN freed = free_statement();
-  if (executed == SQL_ERROR) return fail_and_reconnect();
+  if (executed == SQL_ERROR) return Execution::needs_reconnect;
   // On a connection that a reconnect has freed every call answers SQL_INVALID_HANDLE, this release too: an update that
   // never ran is not reported as executed.
-  return SQL_SUCCEEDED(freed) ? zelvan::kExecuted : zelvan::kNotExecuted;
+  return SQL_SUCCEEDED(freed) ? Execution::done : Execution::failed;
+}
+
+// Keeps the source's connection open while the result lives.  A statement that went with a connection closed since is
+// no longer named by its address, which may belong to another thread's statement by now.
+std::shared_lock<std::shared_mutex> CQENTDatabase::hold_statement() {
+  if (source_ == nullptr) return {};
+  auto held = source_->hold();
+  const bool lost = statement_closings_ != source_->closings();
+  statement_closings_ = source_->closings();
+  if (lost && statement_ != SQL_NULL_HSTMT) statement_ = lost_statement;
+  return held;
 }
 
 // Allocates the statement handle.  It stays null when the driver manager does not make one.
@@ -100,14 +128,8 @@ SQLRETURN CQENTDatabase::close_cursor() { return SQLFreeStmt(statement_, SQL_CLO
 
 SQLRETURN CQENTDatabase::free_statement() { return zelvan::free_statement(std::exchange(statement_, nullptr)); }
 
-// The failed text is not run again, and whether the reconnect succeeded is not looked at: this object goes on with its
-// copy of the old handle, objects made later use the new one.
-int CQENTDatabase::fail_and_reconnect() {
-  if (source_ != nullptr) (void)source_->DBReConnect();
-  return zelvan::kNotExecuted;
-}
-
 int CQENTDatabase::FetchRow() {
+  const auto held = hold_statement();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kFetchNoStatement;
   switch (SQLFetch(statement_)) {
     case SQL_SUCCESS:
@@ -123,6 +145,7 @@ int CQENTDatabase::FetchRow() {
 }
 
 int CQENTDatabase::GetData(unsigned short column, void* buffer, long length, long* indicator, short type) {
+  const auto held = hold_statement();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
   const SQLRETURN code = SQLGetData(statement_, column, type, buffer, length, indicator);
   return SQL_SUCCEEDED(code) ? zelvan::kColumnRead : zelvan::kColumnFailed;
@@ -130,6 +153,7 @@ int CQENTDatabase::GetData(unsigned short column, void* buffer, long length, lon
 
 int CQENTDatabase::DescribeCol(short column, unsigned char* name, short length, short* name_length, short* data_type,
                                unsigned long* column_size, short* decimal_digits, short* nullable) {
+  const auto held = hold_statement();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
   const SQLRETURN code = SQLDescribeCol(statement_, static_cast<SQLUSMALLINT>(column), name, length, name_length,
                                         data_type, column_size, decimal_digits, nullable);
@@ -137,6 +161,7 @@ int CQENTDatabase::DescribeCol(short column, unsigned char* name, short length, 
 }
 
 int CQENTDatabase::ColuminRow() {
+  const auto held = hold_statement();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
   SQLSMALLINT count = 0;
   if (!SQL_SUCCEEDED(SQLNumResultCols(statement_, &count))) return zelvan::kColumnFailed;

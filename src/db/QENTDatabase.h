@@ -84,16 +84,18 @@ class CQENTDatabase : public COTPDatabase {
   int ColuminRow();
 
  private:
-  int execute_select(const char* sql);
-  int execute_update(const char* sql);
+  enum class Execution { done, failed, needs_reconnect };
+  Execution execute_select(const char* sql);
+  Execution execute_update(const char* sql);
+  std::shared_lock<std::shared_mutex> hold_statement();
   [[nodiscard]] bool open_statement();
   SQLRETURN close_cursor();
   SQLRETURN free_statement();
-  int fail_and_reconnect();
 
   int borrowed_;  // 1: the connection is a copy of the source's, and must be neither closed nor freed
   SQLHSTMT statement_ = SQL_NULL_HSTMT;
-  COTPDatabase* source_;  // not owned; null when there is none; reconnects run on it
+  unsigned int statement_closings_ = 0;  // COTPDatabase::closings of the source when the statement was opened
+  COTPDatabase* source_;                 // not owned; null when there is none; reconnects run on it
 };
 
 namespace zelvan {

@@ -19,10 +19,11 @@ SQLRETURN free_statement(SQLHSTMT statement) {
   return SQLFreeHandle(SQL_HANDLE_STMT, statement);
 }
 
-void discard_connection(SQLHDBC connection) {
+bool discard_connection(SQLHDBC connection) {
   const std::scoped_lock lock(handle_mutex);
-  (void)SQLDisconnect(connection);
+  const bool closed = SQL_SUCCEEDED(SQLDisconnect(connection));
   (void)SQLFreeHandle(SQL_HANDLE_DBC, connection);
+  return closed;
 }
 
 }  // namespace zelvan

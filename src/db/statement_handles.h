@@ -17,7 +17,9 @@ SQLRETURN allocate_statement(SQLHDBC connection, SQLHSTMT& statement);
 // Frees a statement.  Returns the code of SQLFreeHandle.
 SQLRETURN free_statement(SQLHSTMT statement);
 
-// Closes and frees a connection, with the statements that it still has.  The results are of no use to anybody.
-void discard_connection(SQLHDBC connection);
+// Closes and frees a connection.
+// Returns true when it was closed, which frees its statements too; false when the driver refused, as the SQLite driver
+// does while a statement is left: connection and statements then stay, out of reach.
+bool discard_connection(SQLHDBC connection);
 
 }  // namespace zelvan

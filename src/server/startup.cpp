@@ -1,5 +1,7 @@
 #include "server/startup.h"
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <string>
 
@@ -14,12 +16,14 @@
 #include "server/duplicate_filter.h"
 #include "server/receive_loop.h"
 #include "server/sender.h"
+#include "sync/synchronize.h"
 
 namespace zelvan {
 namespace {
 
 constexpr int kConnectRetries = 10;
 constexpr unsigned long kConnectPauseMs = 5000;
+constexpr int kSynchronisationPatience = 5;  // seconds
 
 void initialise_mutexes() {
   // Default attributes: nothing to fail for.
@@ -68,6 +72,8 @@ int serve(std::string_view directory) {
 
   servicemain();
   srv_log("Zelvan down...");
+  // What the end of main destroys must not be in use.  A statement that hangs is left behind without that.
+  if (!stop_synchronisation(kSynchronisationPatience)) _exit(EXIT_DONE);
   return EXIT_DONE;
 }
 

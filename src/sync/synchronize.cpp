@@ -2,12 +2,16 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <chrono>
+#include <mutex>
+#include <optional>
 
 #include "base/sleep.h"
 #include "db/OTPDatabase.h"
@@ -22,6 +26,10 @@ constexpr unsigned long kPassPauseMs = 500;
 constexpr unsigned long kResendPauseMs = 10;
 constexpr time_t kSelectSeconds = 2;
 constexpr int kNoSocket = -1;
+
+// Held by the service while it uses what it shares with the rest of the process, and from stop_synchronisation on for
+// ever.
+std::timed_mutex serving_mutex;
 
 // Returns the descriptor, or kNoSocket.
 int open_socket() {
@@ -68,25 +76,40 @@ void serve_datagram(int fd, CQENTDatabase& database) {
   CSynpkg reply;
   const auto datagram = std::span(buffer).first(static_cast<std::size_t>(received));
   if (zelvan::answer_datagram(database, address.data(), datagram, reply)) send_reply(fd, reply, client);
+  explicit_bzero(buffer.data(), datagram.size());  // the code and the PIN
+}
+
+void serve(int fd, const std::atomic<int>& stop, CQENTDatabase& database) {
+  while (stop == 0) {
+    otp_sleep(kPassPauseMs);
+    if (!wait_for_datagram(fd)) continue;
+    const std::scoped_lock serving(serving_mutex);
+    serve_datagram(fd, database);
+  }
 }
 
 }  // namespace
 
 void* synsecretinfo(void* exit_flag) {
   const auto& stop = *static_cast<const std::atomic<int>*>(exit_flag);
-  CQENTDatabase database(&otp_database);
+  std::optional<CQENTDatabase> database(std::in_place, &otp_database);
   if (!initnetenv()) return nullptr;
 
   const int fd = open_socket();
   if (fd != kNoSocket) {
-    while (stop == 0) {
-      otp_sleep(kPassPauseMs);
-      if (wait_for_datagram(fd)) serve_datagram(fd, database);
-    }
+    serve(fd, stop, *database);
     closesock(static_cast<unsigned int>(fd));
   }
   (void)cleannetenv();
+  const std::scoped_lock serving(serving_mutex);
+  database.reset();
   return nullptr;
+}
+
+bool zelvan::stop_synchronisation(int patience_s) {
+  // Never released: from here on the thread waits until the process has ended.
+  static const bool stopped = serving_mutex.try_lock_for(std::chrono::seconds(patience_s));
+  return stopped;
 }
 
 bool initnetenv() { return true; }

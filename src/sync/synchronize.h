@@ -16,6 +16,16 @@
 // Returns null in every case.
 void* synsecretinfo(void* exit_flag);
 
+namespace zelvan {
+
+// Lets the service begin nothing any more: to be called when the process is about to end, since nobody waits for the
+// thread and what it uses is destroyed then.  Waits for a datagram that is being served, `patience_s` seconds at most.
+// Returns true when the service is at rest, for good; false when it is still busy.  Only the first call counts; later
+// ones return its result.
+[[nodiscard]] bool stop_synchronisation(int patience_s);
+
+}  // namespace zelvan
+
 // Sets up what the network needs.  Returns true: on this platform that is nothing.
 bool initnetenv();
 

@@ -143,7 +143,7 @@ class TableSource : public Source {
 
 // The path of the log: a relative one counts from the working folder of the server.
 fs::path log_path(Context& context, const AuditOptions& options) {
-  const fs::path path = context.settings().log_path();
+  fs::path path = context.settings().log_path();
   if (path.is_absolute()) return path;
   if (!options.folder.empty()) return options.folder / path;
   if (const auto folder = server_folder(context.settings().path())) return *folder / path;

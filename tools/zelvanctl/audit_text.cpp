@@ -106,6 +106,7 @@ std::vector<std::filesystem::path> log_files(const std::filesystem::path& path) 
   }
   std::ranges::sort(stamped);
   std::vector<std::filesystem::path> files;
+  files.reserve(stamped.size() + 1);
   for (auto& [stamp, file] : stamped) files.push_back(std::move(file));
   if (std::filesystem::exists(path, error)) files.push_back(path);
   return files;

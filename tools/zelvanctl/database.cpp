@@ -269,34 +269,42 @@ std::vector<std::vector<std::string>> Database::unique_indexes(const std::string
     groups[index ? index->reveal() : ""].push_back(column->reveal());
   }
   std::vector<std::vector<std::string>> indexes;
+  indexes.reserve(groups.size());
   for (auto& [name, columns] : groups) indexes.push_back(std::move(columns));
   return indexes;
 }
 
-void Database::set_autocommit(bool on) {
-  const SQLULEN mode = on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF;
-  if (!succeeded(SQLSetConnectAttr(connection_, SQL_ATTR_AUTOCOMMIT, reinterpret_cast<SQLPOINTER>(mode), 0)) && !on) {
+void Database::begin() {
+  if (!succeeded(
+          SQLSetConnectAttr(connection_, SQL_ATTR_AUTOCOMMIT, reinterpret_cast<SQLPOINTER>(SQL_AUTOCOMMIT_OFF), 0))) {
     throw diagnosis(SQL_HANDLE_DBC, connection_, "cannot begin a transaction", kFailed);
   }
 }
 
-void Database::end_transaction(SQLSMALLINT how) {
-  if (succeeded(SQLEndTran(SQL_HANDLE_DBC, connection_, how)) || how == SQL_ROLLBACK) return;
-  throw diagnosis(SQL_HANDLE_DBC, connection_, "cannot commit", kFailed);
+void Database::commit() {
+  if (!succeeded(SQLEndTran(SQL_HANDLE_DBC, connection_, SQL_COMMIT))) {
+    throw diagnosis(SQL_HANDLE_DBC, connection_, "cannot commit", kFailed);
+  }
 }
 
-Transaction::Transaction(Database& database) : database_(database) { database_.set_autocommit(false); }
+void Database::rollback() noexcept { (void)SQLEndTran(SQL_HANDLE_DBC, connection_, SQL_ROLLBACK); }
+
+void Database::leave_transaction() noexcept {
+  (void)SQLSetConnectAttr(connection_, SQL_ATTR_AUTOCOMMIT, reinterpret_cast<SQLPOINTER>(SQL_AUTOCOMMIT_ON), 0);
+}
+
+Transaction::Transaction(Database& database) : database_(database) { database_.begin(); }
 
 Transaction::~Transaction() {
   if (!open_) return;
-  database_.end_transaction(SQL_ROLLBACK);
-  database_.set_autocommit(true);
+  database_.rollback();
+  database_.leave_transaction();
 }
 
 void Transaction::commit() {
-  database_.end_transaction(SQL_COMMIT);
+  database_.commit();
   open_ = false;
-  database_.set_autocommit(true);
+  database_.leave_transaction();
 }
 
 }  // namespace zelvan::ctl

@@ -106,8 +106,10 @@ class Database {
 
  private:
   friend class Transaction;
-  void set_autocommit(bool on);
-  void end_transaction(SQLSMALLINT how);
+  void begin();
+  void commit();
+  void rollback() noexcept;
+  void leave_transaction() noexcept;
 
   SQLHENV environment_ = SQL_NULL_HENV;
   SQLHDBC connection_ = SQL_NULL_HDBC;

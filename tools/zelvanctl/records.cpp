@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 
@@ -96,7 +97,7 @@ void check_plan(const TokenPlan& plan) {
 }
 
 void start_time_token(Token& token, std::time_t now) {
-  const std::int64_t step = value_of(token.step);
+  const std::int64_t step = std::max<std::int64_t>(value_of(token.step), 1);
   const std::int64_t first = std::max<std::int64_t>(now / step - kStepsBack, 0);
   token.set_counter(static_cast<std::uint64_t>(first));
   token.date = time_text(first * step);

@@ -15,7 +15,7 @@ class Secret {
   Secret() = default;
   explicit Secret(std::string_view text) : text_(text) {}
   Secret(const Secret&) = default;
-  Secret(Secret&& other) noexcept : text_(other.text_) { other.wipe(); }
+  Secret(Secret&& other) noexcept : text_(std::move(other.text_)) { other.wipe(); }
   Secret& operator=(const Secret& other) {
     if (this != &other) {
       wipe();
@@ -26,7 +26,7 @@ class Secret {
   Secret& operator=(Secret&& other) noexcept {
     if (this != &other) {
       wipe();
-      text_ = other.text_;
+      text_ = std::move(other.text_);
       other.wipe();
     }
     return *this;
@@ -37,7 +37,9 @@ class Secret {
   [[nodiscard]] bool empty() const { return text_.empty(); }
 
  private:
-  void wipe() {
+  // The whole capacity: a short text that was moved away is still in the string's own buffer.
+  void wipe() noexcept {
+    text_.resize(text_.capacity());
     explicit_bzero(text_.data(), text_.size());
     text_.clear();
   }

@@ -5,26 +5,41 @@
 namespace zelvan::ctl {
 namespace {
 
-// The length of the UTF-8 sequence at the beginning of `text`, 0 when there is no valid one.  RFC 3629; overlong forms
-// and surrogates are refused by their second byte.
+unsigned byte_at(std::string_view text, std::size_t index) { return static_cast<unsigned char>(text[index]); }
+
+// How many bytes a sequence has that begins with `first`; 0 when none does.  RFC 3629 section 3.
+std::size_t announced_length(unsigned first) {
+  if (first < 0x80) return 1;
+  if (first < 0xC2) return 0;
+  if (first < 0xE0) return 2;
+  if (first < 0xF0) return 3;
+  return first < 0xF5 ? 4 : 0;
+}
+
+// Overlong forms, surrogates and what lies beyond U+10FFFF show in the first two bytes.
+bool second_byte_fits(unsigned first, unsigned second) {
+  switch (first) {
+    case 0xE0:
+      return second >= 0xA0;
+    case 0xED:
+      return second < 0xA0;
+    case 0xF0:
+      return second >= 0x90;
+    case 0xF4:
+      return second < 0x90;
+    default:
+      return true;
+  }
+}
+
+// The length of the UTF-8 sequence at the beginning of `text`, 0 when there is no valid one.
 std::size_t sequence_length(std::string_view text) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char first = byte(0);
-  const std::size_t length = first < 0x80   ? 1
-                             : first < 0xC2 ? 0
-                             : first < 0xE0 ? 2
-                             : first < 0xF0 ? 3
-                             : first < 0xF5 ? 4
-                                            : 0;
+  const std::size_t length = announced_length(byte_at(text, 0));
   if (length == 0 || length > text.size()) return 0;
   for (std::size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xC0U) != 0x80) return 0;
+    if ((byte_at(text, i) & 0xC0U) != 0x80) return 0;
   }
-  if ((first == 0xE0 && byte(1) < 0xA0) || (first == 0xED && byte(1) > 0x9F) || (first == 0xF0 && byte(1) < 0x90) ||
-      (first == 0xF4 && byte(1) > 0x8F)) {
-    return 0;
-  }
-  return length;
+  return length == 1 || second_byte_fits(byte_at(text, 0), byte_at(text, 1)) ? length : 0;
 }
 
 bool is_control(std::string_view sequence) {

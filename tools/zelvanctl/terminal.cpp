@@ -1,5 +1,7 @@
 #include "zelvanctl/terminal.h"
 
+#include <poll.h>
+#include <sys/signalfd.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -16,19 +18,16 @@
 namespace zelvan::ctl {
 namespace {
 
-volatile std::sig_atomic_t caught_signal = 0;
-
-void catch_signal(int signal) { caught_signal = signal; }
-
-// Turns off the echo of standard input, and back on at the end, also when a signal interrupts the question: it is
-// held until the terminal is as before.
+// Turns off the echo of standard input, and back on at the end.  A signal that would end the program is held back
+// meanwhile: it ends the question, and then, when the terminal is as before, the program.
 class NoEcho {
  public:
   NoEcho() {
     if (tcgetattr(STDIN_FILENO, &before_) != 0) throw Failure(kFailed, "cannot turn off the terminal's echo");
-    struct sigaction action {};
-    action.sa_handler = catch_signal;  // without SA_RESTART, so that the reading ends
-    for (std::size_t i = 0; i < kSignals.size(); ++i) (void)sigaction(kSignals.at(i), &action, &actions_.at(i));
+    (void)sigemptyset(&held_);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)sigaddset(&held_, signal);
+    (void)sigprocmask(SIG_BLOCK, &held_, &mask_);
+    signals_ = signalfd(-1, &held_, SFD_CLOEXEC);
     termios quiet = before_;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     quiet.c_lflag |= ECHONL;
@@ -36,17 +35,24 @@ class NoEcho {
   }
   ~NoEcho() {
     (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
-    for (std::size_t i = 0; i < kSignals.size(); ++i) (void)sigaction(kSignals.at(i), &actions_.at(i), nullptr);
-    if (caught_signal != 0) (void)raise(caught_signal);
+    (void)close(signals_);
+    (void)sigprocmask(SIG_SETMASK, &mask_, nullptr);
   }
   NoEcho(const NoEcho&) = delete;
   NoEcho& operator=(const NoEcho&) = delete;
 
- private:
-  static constexpr std::array kSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+  // Waits until a line can be read.  Throws Failure when a signal comes first.
+  void wait_for_line() const {
+    std::array<pollfd, 2> ready{{{STDIN_FILENO, POLLIN, 0}, {signals_, POLLIN, 0}}};
+    (void)poll(ready.data(), ready.size(), -1);
+    if ((ready[1].revents & POLLIN) != 0) throw Failure(kRefused, "interrupted; nothing changed");
+  }
 
+ private:
   termios before_{};
-  std::array<struct sigaction, kSignals.size()> actions_{};
+  sigset_t held_{};
+  sigset_t mask_{};
+  int signals_ = -1;
 };
 
 // Reads a line of standard input byte by byte, so that nothing beyond it is taken and no copy stays in a buffer.
@@ -88,9 +94,11 @@ Secret read_secret(const std::string& what) {
   }
   const NoEcho quiet;
   say(what + ": ");
+  quiet.wait_for_line();
   const auto first = read_line();
   if (!first) throw Failure(kRefused, "nothing entered; nothing changed");
   say("Again: ");
+  quiet.wait_for_line();
   const auto second = read_line();
   if (!second || second->reveal() != first->reveal()) {
     throw Failure(kRefused, "the two entries differ; nothing changed");

@@ -155,6 +155,14 @@ TEST_F(OTPDatabase, ConnectNotesADbmsThatEscapesWithABackslash) {
   }
 }
 
+TEST_F(OTPDatabase, ADbmsThatDoesNotTellItsNameGetsItsBackslashesDoubled) {
+  COTPDatabase database;
+  zelvan::set_backslash_escapes(false);
+  odbc_return(OdbcCall::get_info, SQL_ERROR);
+  connect(database);
+  EXPECT_TRUE(zelvan::backslash_escapes());
+}
+
 TEST_F(OTPDatabase, ConnectNotesADbmsThatDoesNot) {
   for (const char* const name : {"SQLite", "PostgreSQL", "Oracle", "", "My SQL"}) {
     COTPDatabase database;

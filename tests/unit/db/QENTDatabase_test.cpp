@@ -234,6 +234,38 @@ TEST_F(QENTDatabase, OfTwoFailuresTenSecondsApartTheFirstReconnects) {
   EXPECT_EQ(reconnects(), 1);
 }
 
+// The driver manager may give the address of the freed statement to another thread's statement.
+TEST_F(QENTDatabase, AStatementThatWentWithItsConnectionIsNeverUsedAgain) {
+  odbc_answer(kSelect, {{{"a"}}});
+  CQENTDatabase old(shared_.get());
+  ASSERT_EQ(old.ExecuteDirect(kSelect), 1);
+  ASSERT_EQ(shared_->DBReConnect(), zelvan::kReconnected);
+
+  // A statement of another thread, which may well lie where the freed one lay.
+  CQENTDatabase other(shared_.get());
+  ASSERT_EQ(other.ExecuteDirect(kSelect), 1);
+
+  EXPECT_EQ(old.FetchRow(), zelvan::kFetchUnexpected);
+  std::array<char, 8> text{};
+  EXPECT_EQ(old.GetData(1, text.data(), 8, nullptr, SQL_C_CHAR), zelvan::kColumnFailed);
+  EXPECT_EQ(old.ColuminRow(), zelvan::kColumnFailed);
+  EXPECT_EQ(old.ExecuteDirect(kSelect), 1);
+  EXPECT_EQ(old.FetchRow(), zelvan::kFetchUnexpected);
+  EXPECT_EQ(old.ExecuteDirect("update userinfo set failaccum = 9"), 0);
+
+  EXPECT_EQ(other.FetchRow(), zelvan::kFetched);
+  EXPECT_EQ(odbc_live(SQL_HANDLE_STMT), 1);
+}
+
+TEST_F(QENTDatabase, AStatementStaysWhenItsConnectionCouldNotBeClosed) {
+  odbc_answer(kSelect, {{{"a"}}});
+  CQENTDatabase old(shared_.get());
+  ASSERT_EQ(old.ExecuteDirect(kSelect), 1);
+  odbc_return(OdbcCall::disconnect, SQL_ERROR);
+  ASSERT_EQ(shared_->DBReConnect(), zelvan::kReconnected);
+  EXPECT_EQ(old.FetchRow(), zelvan::kFetched);
+}
+
 TEST_F(QENTDatabase, AFailedReconnectIsTriedAgainByTheNextFailingStatement) {
   odbc_return_always(OdbcCall::connect, SQL_ERROR);
   odbc_return(OdbcCall::exec_direct, SQL_ERROR);

@@ -199,6 +199,24 @@ TEST_F(Sqlite, TwoThreadsShareTheConnection) {
   EXPECT_EQ(value_of("select failaccum from userinfo"), std::to_string(3 + 2 * kRounds));
 }
 
+// The driver keeps its statements in a list without a lock: without one of our own this ends in a crash.
+TEST_F(Sqlite, ManyThreadsAllocateAndFreeStatementsAtOnce) {
+  constexpr int kThreads = 8;
+  constexpr int kRounds = 1500;
+  std::atomic<int> executed{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < kRounds; ++i) {
+        CQENTDatabase database(&shared_);
+        if (database.ExecuteDirect("select 1") == 1 && database.FetchRow() == zelvan::kFetched) ++executed;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(executed, kThreads * kRounds);
+}
+
 TEST_F(Sqlite, AReconnectReplacesTheConnection) {
   zelvan::test::advance_clock(61);
   EXPECT_EQ(shared_.DBReConnect(), zelvan::kReconnected);

@@ -330,6 +330,34 @@ TEST_F(SynchronizeTest, StormOfRandomDatagramsLeavesItAnswering) {
   EXPECT_EQ(reply->answer, SyncAnswer::accepted);
 }
 
+// Stopping is for good, so it happens in a process of its own.
+TEST_F(SynchronizeTest, StoppedServiceBeginsNothing) {
+  const auto stopped_service_is_silent = [this] {
+    start();
+    const bool at_rest = zelvan::stop_synchronisation(5) && zelvan::stop_synchronisation(5);
+    Client client;
+    client.wait_up_to(1);
+    const bool silent = client.ask(request("alice", kCodes[0])).empty();
+    std::_Exit(at_rest && silent ? 0 : 1);
+  };
+  EXPECT_EXIT(stopped_service_is_silent(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(SynchronizeTest, StoppingWaitsForADatagramThatIsBeingServedButNotForEver) {
+  const auto stopping_gives_up = [this] {
+    std::atomic<bool> serving{false};
+    odbc_on_execute([&](const std::string&) {
+      serving = true;
+      for (;;) pause();
+    });
+    start();
+    Client().send(request("alice", kCodes[0]));
+    while (!serving) std::this_thread::yield();
+    std::_Exit(zelvan::stop_synchronisation(0) ? 1 : 0);
+  };
+  EXPECT_EXIT(stopping_gives_up(), testing::ExitedWithCode(0), "");
+}
+
 TEST(Netenv, HasNothingToDo) {
   EXPECT_TRUE(initnetenv());
   EXPECT_TRUE(cleannetenv());
