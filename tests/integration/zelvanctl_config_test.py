@@ -139,6 +139,13 @@ class TestCheck:
         here.replace("otp_dsn=zelvan", "otp_dsn=nowhere")
         here.assert_found("error data source nowhere: cannot connect")
 
+    def test_a_driver_that_never_answers_is_told(self, here):
+        """A driver library that is a pipe: opening it waits for ever."""
+        pipe = here.folder / "driver.so"
+        os.mkfifo(pipe)
+        here.odbc_ini.write_text(f"[zelvan]\nDriver={pipe}\n")
+        here.assert_found("error data source zelvan: gives no answer within 10 seconds")
+
     def test_a_data_source_name_beyond_the_driver_managers_limit_is_told(self, here):
         here.replace("otp_dsn=zelvan", "otp_dsn=" + "x" * 33)
         here.assert_found("error line 2, otp_dsn: is longer than 32 characters: the driver manager refuses it")
@@ -204,6 +211,11 @@ class TestSet:
         here.tool.run("config", "set", "radius_port", "1645")
         assert here.settings.read_text() == ("; head\n[options]\n; window\notp_wnd=7\n; rest\notp_logcond=1\n"
                                              "otp_logsize=2\n[share]\n; clients\n[Radius Server]\nradius_port=1645\n")
+
+    def test_texts_may_be_empty(self, here):
+        here.write("[DataBase]\notp_uid=root\n")
+        here.tool.run("config", "set", "otp_uid", "")
+        assert here.settings.read_text() == "[DataBase]\notp_uid=\n"
 
     def test_changes_the_line_that_counts(self, here):
         """The key stands only in the second section of that name."""
@@ -292,9 +304,11 @@ class TestSet:
         before = here.settings.read_text()
         done = subprocess.run([str(here.tool.executable), "config", "set", "otp_wnd", "7"], env=here.tool.environment,
                               preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (4096, 4096)),
-                              capture_output=True, check=False)
-        assert done.returncode != OK
+                              restore_signals=False,  # Python ignores SIGXFSZ: the write fails, as on a full disk
+                              capture_output=True, text=True, check=False)
+        assert (done.returncode, "nothing changed" in done.stderr) == (UNREACHABLE, True), done.stderr
         assert here.settings.read_text() == before
+        assert os.listdir(here.settings.parent) == ["otp_conf.con"]
 
     def test_the_server_reads_what_was_set(self, prepare):
         daemon = prepare()

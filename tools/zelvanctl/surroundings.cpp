@@ -134,7 +134,7 @@ std::optional<std::string> try_to_connect(const DatabaseLogin& login, int second
   if (child < 0) return "cannot make a process";
   if (child == 0) connect_and_tell(login, ends[1]);
   (void)close(ends[1]);
-  const auto reason = read_until_end(ends[0], seconds);
+  auto reason = read_until_end(ends[0], seconds);
   (void)close(ends[0]);
   if (!reason) (void)kill(child, SIGKILL);
   int status = 0;
