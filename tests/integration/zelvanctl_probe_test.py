@@ -1,12 +1,17 @@
 """zelvanctl probe against the real server."""
 
+import os
+import pty
 import re
+import signal
 import socket
 import subprocess
+import termios
 import threading
 
 import pytest
 
+from testbed.daemon import wait_until
 from testbed.ports import free_port
 from testbed.zelvanctl import FAILED, NOT_FOUND, OK, UNREACHABLE, USAGE, Tool, oathtool
 
@@ -98,6 +103,17 @@ class TestReplies:
     def test_the_password_is_not_shown(self, tool):
         screen = tool.at_terminal("probe", "nobody", answers=[("if there is one): ", "135791")], code=NOT_FOUND)
         assert "135791" not in screen
+
+    def test_an_interrupt_at_the_prompt_ends_it_with_the_echo_on(self, tool):
+        keyboard, terminal = pty.openpty()
+        process = subprocess.Popen([str(tool.executable), "probe", "nobody"], env=tool.environment, stdin=terminal,
+                                   stdout=terminal, stderr=terminal)
+        wait_until(lambda: not termios.tcgetattr(terminal)[3] & termios.ECHO, "the prompt without echo")
+        process.send_signal(signal.SIGINT)
+        assert process.wait(60) == -signal.SIGINT
+        assert termios.tcgetattr(terminal)[3] & termios.ECHO
+        os.close(keyboard)
+        os.close(terminal)
 
     def test_no_password_and_no_name_are_refused(self, tool):
         assert "standard input is empty" in tool.run("probe", "anna", code=USAGE).stderr

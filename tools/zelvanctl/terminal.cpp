@@ -110,6 +110,7 @@ std::optional<Secret> read_secret_once(const std::string& what) {
   if (!is_terminal(STDIN_FILENO)) return read_line();
   const NoEcho quiet;
   say(what + ": ");
+  quiet.wait_for_line();
   return read_line();
 }
 
