@@ -72,7 +72,17 @@ def here(tmp_path):
 class TestCheck:
     def test_a_good_file_has_no_findings(self, here):
         assert here.findings(code=OK) == []
-        assert "in order" in here.tool.run("config", "check", "--directory", str(here.folder)).stdout
+        shown = here.tool.run("config", "check", "--directory", str(here.folder)).stdout
+        assert "in order" in shown or "port 8801" in shown
+
+    def test_a_synchronisation_port_in_use_is_told(self, here):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as other:
+            try:
+                other.bind(("0.0.0.0", 8801))
+            except OSError:
+                pass  # the server of another test has it, which does as well
+            found = here.tool.json("config", "check", "--directory", str(here.folder))["findings"]
+        assert "UDP port 8801 is taken by another program: the synchronisation service would be absent" in str(found)
 
     def test_the_example_lacks_only_a_secret(self, here):
         example = (SOURCES / "config" / "otp_conf.con.example").read_text()
