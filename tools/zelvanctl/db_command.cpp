@@ -49,17 +49,10 @@ void init(Context& context, NoOptions&) {
 }
 
 void check(Context& context, NoOptions&) {
-  const auto findings = check_schema(context);
-  Json list = Json::array();
-  Table table({{"LEVEL"}, {"WHERE"}, {"WHAT"}});
-  bool errors = false;
-  for (const Finding& finding : findings) {
-    const std::string level = finding.level == Finding::Level::error ? "error" : "warning";
-    errors = errors || finding.level == Finding::Level::error;
-    list.push_back({{"level", level}, {"where", finding.where}, {"what", finding.text}});
-    table.add({level, finding.where, finding.text});
-  }
-  context.out.result({{"engine", context.engine().label}, {"ok", !errors}, {"findings", list}}, table,
+  const Findings findings = check_schema(context);
+  const bool errors = has_errors(findings);
+  context.out.result({{"engine", context.engine().label}, {"ok", !errors}, {"findings", findings_json(findings)}},
+                     findings_table(findings),
                      fmt::format("The database is as the server needs it ({}).", context.engine().label));
   if (errors) context.exit_code = kFailed;
 }

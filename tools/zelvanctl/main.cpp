@@ -1,4 +1,4 @@
-// zelvanctl: users, tokens, tables and the audit trail from the command line.
+// zelvanctl: users, tokens, tables, settings, the audit trail and diagnosis from the command line.
 #include <fmt/core.h>
 
 #include <algorithm>
@@ -7,8 +7,11 @@
 
 #include "zelvanctl/audit_command.h"
 #include "zelvanctl/command.h"
+#include "zelvanctl/config_command.h"
 #include "zelvanctl/context.h"
 #include "zelvanctl/db_command.h"
+#include "zelvanctl/doctor_command.h"
+#include "zelvanctl/probe_command.h"
 #include "zelvanctl/token_command.h"
 #include "zelvanctl/user_command.h"
 
@@ -38,6 +41,9 @@ void describe(CLI::App& program) {
       "  zelvanctl user show alice\n"
       "  zelvanctl token resync alice 123456 654321\n"
       "  zelvanctl audit --user alice --since 2h\n"
+      "  zelvanctl config check\n"
+      "  zelvanctl probe alice\n"
+      "  zelvanctl doctor\n"
       "\n"
       "Exit codes: 0 done; 1 failed, or a check found errors; 2 wrong usage; 3 no such user or token;\n"
       "4 refused: exists already, wrong state, or not confirmed; 5 settings or database out of reach.\n"
@@ -64,6 +70,9 @@ int run(int argc, char** argv, Context& context) {
   register_user_command(program, context);
   register_token_command(program, context);
   register_audit_command(program, context);
+  register_config_command(program, context);
+  register_probe_command(program, context);
+  register_doctor_command(program, context);
   try {
     program.parse(argc, argv);
     return context.exit_code;

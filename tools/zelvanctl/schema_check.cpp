@@ -18,7 +18,6 @@ namespace zelvan::ctl {
 namespace {
 
 using Kind = ColumnDescription::Kind;
-using Findings = std::vector<Finding>;
 
 struct ExpectedColumn {
   const char* table;

@@ -5,15 +5,9 @@
 #include <vector>
 
 #include "zelvanctl/context.h"
+#include "zelvanctl/finding.h"
 
 namespace zelvan::ctl {
-
-struct Finding {
-  enum class Level { error, warning };  // error: the server cannot work, or not for some user
-  Level level;
-  std::string where;  // table, table.column, or what else it is about
-  std::string text;
-};
 
 // Looks at tables, columns, types, unique indexes, rights, the server's own statements, the data source and every row.
 // Whatever is tried is taken back.

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <string_view>
 
 #include "zelvanctl/failure.h"
@@ -105,6 +104,14 @@ Secret read_secret(const std::string& what) {
     throw Failure(kRefused, "the two entries differ; nothing changed");
   }
   return *first;
+}
+
+std::optional<Secret> read_secret_once(const std::string& what) {
+  if (!is_terminal(STDIN_FILENO)) return read_line();
+  const NoEcho quiet;
+  say(what + ": ");
+  quiet.wait_for_line();
+  return read_line();
 }
 
 bool ask_yes_no(const std::string& question) {

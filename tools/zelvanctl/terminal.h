@@ -1,6 +1,7 @@
 // The person at the keyboard: is there one, and what do they say?
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "zelvanctl/secret.h"
@@ -19,6 +20,10 @@ bool colours_wanted(int descriptor);
 //   what  names the secret, such as "PIN for alice"
 // Throws Failure when there is no line, or the two answers differ.
 Secret read_secret(const std::string& what);
+
+// Reads a secret that a typing error does not spoil for good, such as a login: asks once, without echo, or takes the
+// next line of standard input.  Returns nothing at the end of the input.
+std::optional<Secret> read_secret_once(const std::string& what);
 
 // Asks a question that "y" or "yes" answers; anything else, also the end of the input, is no.
 bool ask_yes_no(const std::string& question);
