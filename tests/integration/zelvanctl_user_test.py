@@ -29,7 +29,7 @@ class TestAdding:
         assert (user["islocked"], user["failaccum"], user["authtype"], user["isdeleted"]) == (0, 0, 1, 0)
         assert user["preusedate"] is None and user["user_email"] == "a@example.com"
         assert (token["tktype"], token["diglen"], token["authwnd"], token["tmstep"]) == (1, 8, 5, 0)
-        assert (token["hcounter"], token["lcounter"]) == (1, 1) and len(token["userkey"]) == 32
+        assert (token["hcounter"], token["lcounter"]) == (1, 1) and len(token["userkey"]) == 28
 
     def test_no_secret_is_shown_unless_wanted(self, db, tool):
         done = tool.run("user", "add", "add2", "--pin-value", "s3cret-pin")

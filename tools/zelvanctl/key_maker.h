@@ -12,9 +12,9 @@
 
 namespace zelvan::ctl {
 
-// Characters of a key that the tool makes: 32 of 62 letters and digits carry 190 bits, more than the 160 that RFC 4226
-// section 4 recommends, and fit the 54 characters that the server reads.
-inline constexpr std::size_t kKeyCharacters = 32;
+// Characters of a key that the tool makes: 28 of 62 letters and digits carry 166 bits, more than the 160 that RFC 4226
+// section 4 recommends, and fit the 29 characters that the synchronisation service reads (RADIUS reads 54).
+inline constexpr std::size_t kKeyCharacters = 28;
 
 // Fills `out` with random bytes.  Throws Failure when the system has none to give.
 void fill_random(std::span<unsigned char> out);
