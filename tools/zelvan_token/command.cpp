@@ -1,0 +1,57 @@
+#include "zelvan_token/command.h"
+
+#include <fmt/core.h>
+
+#include <cstdio>
+
+#include "zelvan_token/terminal.h"
+#include "zelvan_token/token_file.h"
+#include "zelvan_token/user_name.h"
+
+namespace zelvan::token {
+namespace {
+
+std::filesystem::path only_token() {
+  const auto folder = token_folder();
+  const auto files = token_files(folder);
+  if (files.size() == 1) return files.front();
+  if (files.empty()) {
+    throw Failure(kNotFound, fmt::format("there is no token in {}: fetch one first", folder.string()));
+  }
+  throw Failure(kNotFound,
+                fmt::format("there are {} tokens: name the user (zelvan-token show lists them)", files.size()));
+}
+
+}  // namespace
+
+void add_choice(CLI::App& command, Choice& choice, bool user_required) {
+  auto* const user = command.add_option("USER", choice.user, "The user's login name");
+  if (user_required) user->required();
+  command.add_option("--file", choice.file, "The token file, in place of the user's own one")->type_name("PATH");
+}
+
+std::filesystem::path chosen_file(const Choice& choice) {
+  if (!choice.user.empty()) check_user_name(choice.user);
+  if (!choice.file.empty()) return choice.file;
+  return choice.user.empty() ? only_token() : token_folder() / file_name_of(choice.user);
+}
+
+void check_choice(const Choice& choice, const SoftToken& token) {
+  if (choice.user.empty() || choice.user == token.user) return;
+  throw Failure(kUsage, fmt::format("the token file is that of {}, not of {}", token.user, choice.user));
+}
+
+void write_result(const Common& common, const Json& value, const std::string& text) {
+  fmt::print("{}", common.json ? json_text(value) + "\n" : text);
+  if (std::fflush(stdout) != 0) throw Failure(kFailed, "standard output cannot be written");
+}
+
+void write_failure(const Common& common, const std::string& text, int exit_code) {
+  if (!common.json) return say("zelvan-token: " + text);
+  Json json;
+  json["error"] = text;
+  json["exit_code"] = exit_code;
+  say(json_text(json));
+}
+
+}  // namespace zelvan::token

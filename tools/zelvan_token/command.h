@@ -1,0 +1,48 @@
+// What the commands share: the options that all of them take, the choice of a token, and the output.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <filesystem>
+#include <string>
+
+#include "zelvan_token/failure.h"
+#include "zelvan_token/words.h"
+
+namespace zelvan::token {
+
+// The options in front of or behind any command.
+struct Common {
+  bool json = false;
+  bool show_secrets = false;
+  bool assume_yes = false;
+};
+
+// Which token a command is about.
+struct Choice {
+  std::string user;
+  std::string file;
+};
+
+// Declares USER and --file.
+void add_choice(CLI::App& command, Choice& choice, bool user_required);
+
+// Returns the token file of a choice: --file, the file of USER, or the only token there is.
+// Throws Failure: kUsage for an impossible user name, kNotFound when there is no token or more than one to choose from.
+std::filesystem::path chosen_file(const Choice& choice);
+
+// Throws Failure (kUsage) when the choice names a user and the token is another one's.
+void check_choice(const Choice& choice, const SoftToken& token);
+
+// Writes the result of a command to standard output: `value` for scripts, `text` (whole lines) for people.
+void write_result(const Common& common, const Json& value, const std::string& text);
+
+// Reports to standard error how the command failed.
+void write_failure(const Common& common, const std::string& text, int exit_code);
+
+// Each registers one command.
+void register_fetch(CLI::App& program, const Common& common);
+void register_code(CLI::App& program, const Common& common);
+void register_show(CLI::App& program, const Common& common);
+void register_forget(CLI::App& program, const Common& common);
+
+}  // namespace zelvan::token

@@ -1,0 +1,16 @@
+// User names: what the service takes, and the file that belongs to one.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace zelvan::token {
+
+// Throws Failure (kUsage) unless `name` has 1 to 30 bytes of UTF-8 without control characters.
+void check_user_name(std::string_view name);
+
+// Returns a file name for a user: "<name>.json", with every byte other than letters, digits and "_@+-." written as %XX,
+// and a dot at the beginning too.  Two names never share a file name.
+std::string file_name_of(std::string_view name);
+
+}  // namespace zelvan::token

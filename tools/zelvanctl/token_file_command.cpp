@@ -1,0 +1,205 @@
+#include "zelvanctl/token_file_command.h"
+
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <set>
+
+#include "base/clock.h"
+#include "zelvanctl/progress.h"
+#include "zelvanctl/token_csv.h"
+#include "zelvanctl/views.h"
+
+namespace zelvan::ctl {
+namespace {
+
+// ---- import
+
+struct ImportOptions {
+  std::string file;
+  bool dry_run = false;
+};
+
+// Wiped, since the file holds keys.
+Secret read_file(const std::string& name) {
+  std::ifstream file;
+  if (name != "-") {
+    if (std::filesystem::is_directory(name)) throw Failure(kUsage, name + " is a folder");
+    file.open(name, std::ios::binary);
+    if (!file) throw Failure(kUsage, fmt::format("cannot open {}: {}", name, std::strerror(errno)));
+  }
+  std::istream& in = name == "-" ? std::cin : file;
+  std::string text(std::istreambuf_iterator<char>(in), {});
+  if (in.bad()) throw Failure(kFailed, "cannot read " + name);
+  Secret secret(text);
+  explicit_bzero(text.data(), text.size());
+  return secret;
+}
+
+// Adds a bad line for each token and user that the database has already.
+void find_conflicts(Records& records, TokenImport& import) {
+  std::set<std::string> serials;
+  std::set<std::string> users;
+  for (const Token& token : records.tokens()) serials.insert(token.serial);
+  for (const User& user : records.users()) users.insert(user.name);
+  for (const ImportedToken& token : import.tokens) {
+    if (serials.contains(token.token.serial)) {
+      import.bad_lines.push_back({token.line, fmt::format("token {} exists already", token.token.serial)});
+    } else if (token.user && users.contains(token.user->name)) {
+      import.bad_lines.push_back({token.line, fmt::format("user {} exists already", token.user->name)});
+    }
+  }
+  std::ranges::stable_sort(import.bad_lines, {}, &BadLine::number);
+}
+
+void refuse(Context& context, const TokenImport& import, const std::string& file) {
+  Json lines = Json::array();
+  std::string text =
+      fmt::format("nothing imported; {} bad line{}", import.bad_lines.size(), import.bad_lines.size() == 1 ? "" : "s");
+  for (const BadLine& line : import.bad_lines) {
+    lines.push_back({{"line", line.number}, {"reason", line.reason}});
+    text += fmt::format("\n{}:{}: {}", file, line.number, printable(line.reason));
+  }
+  if (!context.out.json()) throw Failure(kFailed, text);
+  context.out.result({{"imported", 0}, {"bad_lines", lines}}, "");
+  context.exit_code = kFailed;
+}
+
+void store(Context& context, const TokenImport& import) {
+  Progress progress("importing", import.tokens.size());
+  Transaction transaction(context.database());
+  for (const ImportedToken& token : import.tokens) {
+    try {
+      context.records().add_token(token.token);
+      if (token.user) context.records().add_user(*token.user);
+    } catch (const DatabaseError& error) {
+      throw Failure(error.duplicate() ? kRefused : kFailed,
+                    fmt::format("nothing imported; line {}: {}", token.line, error.what()));
+    }
+    progress.step();
+  }
+  transaction.commit();
+}
+
+void import_tokens(Context& context, ImportOptions& options) {
+  const Secret text = read_file(options.file);
+  TokenImport import = parse_tokens(text.reveal(), now_seconds());
+  find_conflicts(context.records(), import);
+  if (!import.bad_lines.empty()) return refuse(context, import, options.file);
+  if (!options.dry_run) store(context, import);
+  const auto users = std::ranges::count_if(import.tokens, [](const auto& token) { return token.user.has_value(); });
+  const std::string_view what = options.dry_run ? "Could import" : "Imported";
+  context.out.result({{"imported", options.dry_run ? 0 : import.tokens.size()},
+                      {"users", options.dry_run ? 0 : users},
+                      {"bad_lines", Json::array()}},
+                     fmt::format("{} {} tokens and {} users.\n", what, import.tokens.size(), users));
+}
+
+// ---- export
+
+struct ExportOptions {
+  std::string file = "-";
+  bool spare = false;
+};
+
+using Owners = std::map<std::string, User>;
+
+Owners owners_of(Records& records) {
+  Owners owners;
+  for (User& user : records.users()) {
+    if (user.serial) owners.emplace(*user.serial, std::move(user));
+  }
+  return owners;
+}
+
+// Writes a file that only its owner may read, and puts it in place as a whole.
+void write_file(const std::string& name, const std::string& text) {
+  const std::string draft = name + ".new";
+  const int descriptor = open(draft.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  const auto fail = [&] {
+    const std::string reason = std::strerror(errno);
+    (void)std::remove(draft.c_str());
+    throw Failure(kFailed, fmt::format("cannot write {}: {}", name, reason));
+  };
+  if (descriptor < 0) throw Failure(kFailed, fmt::format("cannot write {}: {}", draft, std::strerror(errno)));
+  std::string_view rest = text;
+  bool written = fchmod(descriptor, S_IRUSR | S_IWUSR) == 0;
+  while (written && !rest.empty()) {
+    const ssize_t count = write(descriptor, rest.data(), rest.size());
+    written = count > 0;
+    if (written) rest.remove_prefix(static_cast<std::size_t>(count));
+  }
+  written = written && fsync(descriptor) == 0;
+  written = close(descriptor) == 0 && written;
+  if (!written || std::rename(draft.c_str(), name.c_str()) != 0) fail();
+}
+
+void export_tokens(Context& context, ExportOptions& options) {
+  const bool to_file = options.file != "-";
+  if (to_file && std::filesystem::exists(options.file)) context.confirm(fmt::format("Overwrite {}?", options.file));
+  const Owners owners = owners_of(context.records());
+  const std::vector<Token> tokens = context.records().tokens();
+  Json list = Json::array();
+  std::string csv = token_csv_titles(context.show_secrets);
+  {
+    Progress progress("exporting", tokens.size());
+    for (const Token& token : tokens) {
+      progress.step();
+      const auto owner = owners.find(token.serial);
+      if (options.spare && owner != owners.end()) continue;
+      csv += token_csv_line(token, owner == owners.end() ? nullptr : &owner->second, context.show_secrets);
+      Json json = token_json(token, context.show_secrets);
+      json["user"] = owner == owners.end() ? Json(nullptr) : Json(owner->second.name);
+      list.push_back(std::move(json));
+    }
+  }
+  const std::size_t count = list.size();
+  if (to_file) {
+    write_file(options.file, csv);
+    list = {{"exported", count}, {"file", options.file}};
+  }
+  context.out.result(list, to_file ? fmt::format("Exported {} tokens to {}.\n", count, options.file) : csv);
+  explicit_bzero(csv.data(), csv.size());
+}
+
+void declare_import(CLI::App& verb, ImportOptions& options) {
+  verb.add_option("file", options.file, "CSV file; - for standard input")->required()->type_name("FILE");
+  verb.add_flag("--dry-run", options.dry_run, "Check every line and change nothing");
+}
+
+void declare_export(CLI::App& verb, ExportOptions& options) {
+  verb.add_option("file", options.file, "File to write, readable by you alone; by default standard output")
+      ->type_name("FILE");
+  verb.add_flag("--spare", options.spare, "Only tokens that nobody has");
+}
+
+}  // namespace
+
+void register_token_files(CLI::App& noun, Context& context) {
+  add_verb<ImportOptions>(noun, context,
+                          {"import", "Take tokens, and users, from a CSV file: all lines or none",
+                           "  zelvanctl token import tokens.csv\n"
+                           "  zelvanctl token import - --dry-run < tokens.csv\n"
+                           "\n"
+                           "The first line names the columns: serial, key, type are demanded; digits, window, step,\n"
+                           "counter, date, user, mail, pin may be there.\n"},
+                          declare_import, import_tokens);
+  add_verb<ExportOptions>(noun, context,
+                          {"export", "Write all tokens as CSV; keys and PINs only with --show-secrets",
+                           "  zelvanctl token export\n"
+                           "  zelvanctl token export backup.csv --show-secrets\n"},
+                          declare_export, export_tokens);
+}
+
+}  // namespace zelvan::ctl
