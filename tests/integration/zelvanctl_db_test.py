@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 
-from testbed.database import KEY, LOOSE_SCHEMA, (SQL / "schema.sqlite.sql")
+from testbed.database import KEY, SQLITE_LOOSE_SCHEMA as LOOSE_SCHEMA, SQLITE_SCHEMA as SCHEMA
 from testbed.zelvanctl import FAILED, OK, UNREACHABLE, USAGE, Tool
 
 SETTINGS = "[DataBase]\notp_dsn=zelvan\notp_uid=\notp_pwd=\n"
@@ -62,7 +62,7 @@ class TestInit:
     def test_the_tables_are_those_of_the_sql_file(self, here, tmp_path):
         here.tool.run("db", "init")
         other = sqlite3.connect(tmp_path / "other.db")
-        other.executescript((SQL / "schema.sqlite.sql").read_text())
+        other.executescript(SCHEMA.read_text())
         query = "select cid, name, type, \"notnull\", dflt_value, pk from pragma_table_info('{}')"
         for table in ("userinfo", "keyinfo", "commonloginfo"):
             assert here.rows(query.format(table)) == other.execute(query.format(table)).fetchall()

@@ -20,6 +20,9 @@ create table commonloginfo (optime {text}, operator {text}, loglev {integer}, op
   remoteip {text} {more});
 """
 
+SQLITE_SCHEMA = servers.SQL / "schema.sqlite.sql"
+SQLITE_LOOSE_SCHEMA = LOOSE_SCHEMA.format(text="text", integer="integer", more="")
+
 EVENT, TIMED, CHALLENGE = 1, 2, 3
 KEY = "12345678901234567890"  # RFC 4226 appendix D
 AUDIT_COLUMNS = "optime, operator, loglev, optype, remark, remoteip"
@@ -155,7 +158,7 @@ class Sqlite(Database):
         self.connection.execute("pragma journal_mode = wal")
         self.connection.execute("pragma synchronous = normal")
         if loose:
-            self.connection.executescript(LOOSE_SCHEMA.format(text="text", integer="integer", more=""))
+            self.connection.executescript(SQLITE_LOOSE_SCHEMA)
         else:
             self.install("schema")
 
