@@ -62,8 +62,8 @@ void set_backslash_escapes(bool escapes);
 void set_utf8_only(bool only);
 
 // Returns false for a text that no row of the connected DBMS can hold.  A DBMS that takes UTF-8 only fails a statement
-// with other bytes in it, and a failed statement asks for a reconnect, which must not be in the hands of whoever may send
-// a user name.
+// with other bytes in it, and a failed statement asks for a reconnect, which must not be in the hands of whoever may
+// send a user name.
 [[nodiscard]] bool storable_text(std::string_view text);
 
 }  // namespace zelvan

@@ -9,7 +9,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <mutex>
 #include <optional>
 
@@ -26,10 +25,12 @@ constexpr unsigned long kPassPauseMs = 500;
 constexpr unsigned long kResendPauseMs = 10;
 constexpr time_t kSelectSeconds = 2;
 constexpr int kNoSocket = -1;
+constexpr unsigned long kRestPauseMs = 10;
+constexpr int kRestPausesASecond = 100;
 
 // Held by the service while it uses what it shares with the rest of the process, and from stop_synchronisation on for
 // ever.
-std::timed_mutex serving_mutex;
+std::mutex serving_mutex;
 
 // Returns the descriptor, or kNoSocket.
 int open_socket() {
@@ -107,8 +108,14 @@ void* synsecretinfo(void* exit_flag) {
 }
 
 bool zelvan::stop_synchronisation(int patience_s) {
-  // Never released: from here on the thread waits until the process has ended.
-  static const bool stopped = serving_mutex.try_lock_for(std::chrono::seconds(patience_s));
+  static const bool stopped = [patience_s] {
+    for (int pauses = patience_s * kRestPausesASecond; !serving_mutex.try_lock(); --pauses) {
+      if (pauses == 0) return false;
+      otp_sleep(kRestPauseMs);
+    }
+    // Never released: from here on the thread waits until the process has ended.
+    return true;
+  }();
   return stopped;
 }
 

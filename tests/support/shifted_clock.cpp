@@ -1,7 +1,7 @@
 // time(2) for a program that is to believe that time has passed: loaded into it with LD_PRELOAD.
 //
-// The file that the environment variable ZELVAN_TEST_CLOCK names holds 8 bytes, the seconds to add.  A test writes into it
-// while the program runs.
+// The file that the environment variable ZELVAN_TEST_CLOCK names holds 8 bytes, the seconds to add.  A test writes into
+// it while the program runs.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
