@@ -52,6 +52,7 @@ std::span<char> limited(char (&field)[Size], std::size_t characters) {
 }  // namespace
 
 int CAnalyseAuthData::otp_initparams() {
+  const COTPDatabase::Hold held = otp_database.hold();
   CQENTDatabase database(&otp_database);
   for (const auto step :
        {&CAnalyseAuthData::load_user, &CAnalyseAuthData::lift_expired_lock, &CAnalyseAuthData::load_token}) {

@@ -11,7 +11,6 @@
 
 #include "base/clock.h"
 #include "base/locks.h"
-#include "db/statement_handles.h"
 #include "db/statements.h"
 
 COTPDatabase otp_database;
@@ -38,6 +37,15 @@ constexpr std::uintptr_t kConnectionPooling = 2;
 
 bool set_attribute(SQLHENV environment, SQLINTEGER attribute, std::uintptr_t value) {
   return SQLSetEnvAttr(environment, attribute, integer_attribute(value), 0) != SQL_ERROR;
+}
+
+// Closes and frees a connection.
+// Returns true when it was closed, which frees its statements too; false when the driver refused, as the SQLite driver
+// does while a statement is left: connection and statements then stay, out of reach.
+bool discard(SQLHDBC connection) {
+  const bool closed = SQL_SUCCEEDED(SQLDisconnect(connection));
+  (void)SQLFreeHandle(SQL_HANDLE_DBC, connection);
+  return closed;
 }
 
 // Tells the statement builder how the DBMS at the other end reads text.  Without an answer a backslash is doubled:
@@ -84,8 +92,8 @@ int COTPDatabase::DBDisconnect() {
     return zelvan::kDisconnected;
   }
   // At exit a thread that outlives main may still be reconnecting.
+  const Hold held = hold();
   const zelvan::ScopedLock lock(dbrecon_mutex);
-  const std::unique_lock closing(closing_mutex_);
   free_texts();
   if (SQLDisconnect(connection_) == SQL_ERROR) return zelvan::kDisconnectFailed;
   connected_ = 0;
@@ -95,14 +103,14 @@ int COTPDatabase::DBDisconnect() {
 }
 
 int COTPDatabase::DBReConnect() {
-  const zelvan::ScopedLock lock(dbrecon_mutex);
-  if (zelvan::now_seconds() - last_reconnect_ <= zelvan::kReconnectPause) return zelvan::kReconnectTooSoon;
-
   // No other thread may be in the driver manager until the connection stands: SQLConnect changes the level at which the
   // manager locks for this handle, and a call that began at the old level would leave its lock behind for ever.  A
   // statement object with a copy of the old handle can make such a call, since the new one may get the same address.
-  const std::unique_lock closing(closing_mutex_);
-  if (zelvan::discard_connection(connection_.exchange(SQL_NULL_HDBC))) ++closings_;
+  const Hold held = hold();
+  const zelvan::ScopedLock lock(dbrecon_mutex);
+  if (zelvan::now_seconds() - last_reconnect_ <= zelvan::kReconnectPause) return zelvan::kReconnectTooSoon;
+
+  if (discard(connection_.exchange(SQL_NULL_HDBC))) ++closings_;
 
   // Deliberate: without a new handle the connection stays null, later statement objects are unconnected and nothing
   // asks for a reconnect any more: the server is without database until it is restarted.

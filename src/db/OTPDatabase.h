@@ -6,8 +6,7 @@
 // Source   ODBC 3 call-level interface through the driver manager.
 // Differs  Diagnostic records are not read and nothing is logged: callers log their own failures.
 // Threads  DBConnect and DBDisconnect belong to start-up and exit.  The other functions may be called by any thread.
-//          Reconnects are serialised by `dbrecon_mutex`.  Statements run at the same time; only closing the connection
-//          waits for the calls under way, and lets no other begin meanwhile.
+//          One thread at a time is in the driver: see hold().  Reconnects are serialised by `dbrecon_mutex` too.
 // Memory   Owns copies of the three texts of DBConnect, wiped before they are freed, and its two ODBC handles.
 #pragma once
 
@@ -17,7 +16,7 @@
 #include <atomic>
 #include <ctime>
 #include <memory>
-#include <shared_mutex>
+#include <mutex>
 
 namespace zelvan {
 
@@ -74,9 +73,13 @@ class COTPDatabase {
   // Returns the handle that new statements may use: null when unconnected, or when a reconnect got no handle.
   [[nodiscard]] SQLHDBC connection() const { return connected_ != 0 ? connection_.load() : SQLHDBC{nullptr}; }
 
-  // Keeps the connection from being closed while the result lives.  To be held around every ODBC call on a statement
-  // of this connection, and never while DBReConnect is called.
-  [[nodiscard]] std::shared_lock<std::shared_mutex> hold() const { return std::shared_lock(closing_mutex_); }
+  // Keeps every other thread off the connection while the result lives.  The statement objects do so in each of their
+  // calls, for drivers need it: the MariaDB driver closes a cursor on the connection while another thread reads its
+  // result from it, and the SQLite driver keeps its statements in a list without a lock, whatever their `Threading` in
+  // odbcinst.ini.  A caller that holds the connection over a select and the reading of its row waits once, not in each
+  // call.  May be taken again by the thread that has it; no other lock but `dbrecon_mutex` is taken inside.
+  using Hold = std::unique_lock<std::recursive_mutex>;
+  [[nodiscard]] Hold hold() const { return Hold(calls_mutex_); }
 
   // Returns how often the connection was closed by a reconnect, which frees its statements: a statement handle from
   // before must not be used again, since a new statement may have been given the same address.  Call it with a hold.
@@ -105,12 +108,12 @@ class COTPDatabase {
   std::atomic<SQLHDBC> connection_{SQL_NULL_HDBC};  // a reconnect replaces it while other threads copy it
   std::atomic<int> connected_{0};                   // 1 once SQLConnect has returned anything but SQL_ERROR
   std::time_t last_reconnect_;                      // seconds, UTC; guarded by dbrecon_mutex
-  mutable std::shared_mutex closing_mutex_;         // shared: a call on a statement; exclusive: a reconnect
-  unsigned int closings_ = 0;                       // see closings(); guarded by closing_mutex_
+  mutable std::recursive_mutex calls_mutex_;        // see hold()
+  unsigned int closings_ = 0;                       // see closings(); guarded by calls_mutex_
 };
 
 // The shared connection.
 extern COTPDatabase otp_database;
 
-// Serialises reconnects.  Inside it the connection's own mutex is locked, and inside that the statement handles' one.
+// Serialises reconnects.  Taken with the connection held, and innermost.
 extern pthread_mutex_t dbrecon_mutex;

@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "base/text.h"
-#include "db/statement_handles.h"
 
 static_assert(std::is_same_v<SQLLEN, long> && std::is_same_v<SQLULEN, unsigned long>, "GetData hands pointers through");
 
@@ -41,7 +40,7 @@ CQENTDatabase::CQENTDatabase(COTPDatabase* source) : borrowed_(1), source_(sourc
 
 CQENTDatabase::~CQENTDatabase() {
   {
-    const auto held = hold_statement();
+    const Hold held = hold_statement();
     if (statement_ != SQL_NULL_HSTMT) {
       (void)close_cursor();
       (void)free_statement();
@@ -58,7 +57,7 @@ int CQENTDatabase::DBConnect(const SQLCHAR* dsn, SQLSMALLINT dsn_length, const S
 
 int CQENTDatabase::DBDisconnect() {
   if (borrowed_ == 0) return COTPDatabase::DBDisconnect();
-  const auto held = hold_statement();
+  const Hold held = hold_statement();
   const SQLRETURN code = statement_ != SQL_NULL_HSTMT ? free_statement() : SQLRETURN{SQL_SUCCESS};
   forget_connection();
   return code;
@@ -66,13 +65,12 @@ int CQENTDatabase::DBDisconnect() {
 
 int CQENTDatabase::ExecuteDirect(const char* sql) {
   if (sql == nullptr || connection() == SQL_NULL_HDBC) return zelvan::kNotExecuted;
-  auto held = hold_statement();
+  const Hold held = hold_statement();
   const Execution execution = is_select(sql) ? execute_select(sql) : execute_update(sql);
   if (execution == Execution::done) return zelvan::kExecuted;
 
   // The failed text is not run again, and whether the reconnect succeeded is not looked at: this object goes on with
   // its copy of the old handle, objects made later use the new one.
-  if (held.owns_lock()) held.unlock();
   if (execution == Execution::needs_reconnect && source_ != nullptr) (void)source_->DBReConnect();
   return zelvan::kNotExecuted;
 }
@@ -104,11 +102,11 @@ CQENTDatabase::Execution CQENTDatabase::execute_update(const char* sql) {
   return SQL_SUCCEEDED(freed) ? Execution::done : Execution::failed;
 }
 
-// Keeps the source's connection open while the result lives.  A statement that went with a connection closed since is
+// Keeps the source's connection to this thread while the result lives.  A statement that went with a connection closed since is
 // no longer named by its address, which may belong to another thread's statement by now.
-std::shared_lock<std::shared_mutex> CQENTDatabase::hold_statement() {
+COTPDatabase::Hold CQENTDatabase::hold_statement() {
   if (source_ == nullptr) return {};
-  auto held = source_->hold();
+  Hold held = source_->hold();
   const bool lost = statement_closings_ != source_->closings();
   statement_closings_ = source_->closings();
   if (lost && statement_ != SQL_NULL_HSTMT) statement_ = lost_statement;
@@ -118,7 +116,7 @@ std::shared_lock<std::shared_mutex> CQENTDatabase::hold_statement() {
 // Allocates the statement handle.  It stays null when the driver manager does not make one.
 bool CQENTDatabase::open_statement() {
   SQLHSTMT fresh = SQL_NULL_HSTMT;
-  const SQLRETURN code = zelvan::allocate_statement(connection(), fresh);
+  const SQLRETURN code = SQLAllocHandle(SQL_HANDLE_STMT, connection(), &fresh);
   if (code == SQL_ERROR) return false;
   statement_ = fresh;
   return true;
@@ -126,10 +124,12 @@ bool CQENTDatabase::open_statement() {
 
 SQLRETURN CQENTDatabase::close_cursor() { return SQLFreeStmt(statement_, SQL_CLOSE); }
 
-SQLRETURN CQENTDatabase::free_statement() { return zelvan::free_statement(std::exchange(statement_, nullptr)); }
+SQLRETURN CQENTDatabase::free_statement() {
+  return SQLFreeHandle(SQL_HANDLE_STMT, std::exchange(statement_, nullptr));
+}
 
 int CQENTDatabase::FetchRow() {
-  const auto held = hold_statement();
+  const Hold held = hold_statement();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kFetchNoStatement;
   switch (SQLFetch(statement_)) {
     case SQL_SUCCESS:
@@ -145,7 +145,7 @@ int CQENTDatabase::FetchRow() {
 }
 
 int CQENTDatabase::GetData(unsigned short column, void* buffer, long length, long* indicator, short type) {
-  const auto held = hold_statement();
+  const Hold held = hold_statement();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
   const SQLRETURN code = SQLGetData(statement_, column, type, buffer, length, indicator);
   return SQL_SUCCEEDED(code) ? zelvan::kColumnRead : zelvan::kColumnFailed;
@@ -153,7 +153,7 @@ int CQENTDatabase::GetData(unsigned short column, void* buffer, long length, lon
 
 int CQENTDatabase::DescribeCol(short column, unsigned char* name, short length, short* name_length, short* data_type,
                                unsigned long* column_size, short* decimal_digits, short* nullable) {
-  const auto held = hold_statement();
+  const Hold held = hold_statement();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
   const SQLRETURN code = SQLDescribeCol(statement_, static_cast<SQLUSMALLINT>(column), name, length, name_length,
                                         data_type, column_size, decimal_digits, nullable);
@@ -161,7 +161,7 @@ int CQENTDatabase::DescribeCol(short column, unsigned char* name, short length, 
 }
 
 int CQENTDatabase::ColuminRow() {
-  const auto held = hold_statement();
+  const Hold held = hold_statement();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
   SQLSMALLINT count = 0;
   if (!SQL_SUCCEEDED(SQLNumResultCols(statement_, &count))) return zelvan::kColumnFailed;

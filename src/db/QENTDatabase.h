@@ -6,7 +6,8 @@
 //
 // Source   ODBC 3 call-level interface.
 // Differs  The connection handle is copied once, at construction, and never refreshed.
-// Threads  An object belongs to one thread; objects of different threads share the connection and run at the same time.
+// Threads  An object belongs to one thread; objects of different threads share the connection and wait for each other's
+//          calls (COTPDatabase::hold).
 // Memory   Owns its statement handle; never touches the borrowed connection.
 #pragma once
 
@@ -87,7 +88,7 @@ class CQENTDatabase : public COTPDatabase {
   enum class Execution { done, failed, needs_reconnect };
   Execution execute_select(const char* sql);
   Execution execute_update(const char* sql);
-  std::shared_lock<std::shared_mutex> hold_statement();
+  Hold hold_statement();
   [[nodiscard]] bool open_statement();
   SQLRETURN close_cursor();
   SQLRETURN free_statement();

@@ -81,12 +81,12 @@ class TestManyAccounts:
 
 class TestLog:
     def test_every_line_is_there_and_whole(self, prepare):
-        """Ten workers write 400 lines; each has its own user name."""
+        """Ten workers on one connection write 4,000 lines; each has its own user name."""
         daemon = prepare({"options": {"otp_max_accum": 99}}).start()
         client, users = daemon.client(), [daemon.db.add_user() for _ in range(100)]
-        for _ in range(4):
+        for _ in range(40):
             requests = [client.request(identifier=n).user(user.name).pap("000000") for n, user in enumerate(users)]
             ask_all(client, requests)
         daemon.stop()
-        expected = {f"{user.name} auth failed.Request from:127.0.0.1": 4 for user in users}
+        expected = {f"{user.name} auth failed.Request from:127.0.0.1": 40 for user in users}
         assert collections.Counter(daemon.log_messages()) == expected

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
 
 namespace zelvan::test {
 
@@ -10,5 +11,8 @@ void set_clock(std::time_t seconds);
 
 // Moves the time by `seconds`, which may be negative.
 void advance_clock(std::time_t seconds);
+
+// Runs `hook` at every reading of the time, in the reading thread; an empty one ends that.  Not while others read.
+void on_clock_read(std::function<void()> hook);
 
 }  // namespace zelvan::test

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <map>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace zelvan::test {
@@ -52,6 +54,8 @@ struct World {
 };
 
 std::mutex world_mutex;
+std::atomic<int> threads_inside{0};
+std::atomic<bool> overlapped{false};
 std::uintptr_t last_handle = 0x1000;  // never reset: a handle of an earlier test is never valid again
 
 // Outlives the globals of the code under test, which close their handles at exit.
@@ -59,6 +63,24 @@ World& world() {
   static auto* const the_world = new World;
   return *the_world;
 }
+
+// Notes that a thread is in a call, which may come from within another one, and lingers for others to come.
+class Visit {
+ public:
+  Visit() {
+    if (depth++ > 0) return;
+    if (threads_inside++ > 0) overlapped = true;
+    std::this_thread::yield();
+  }
+  ~Visit() {
+    if (--depth == 0) --threads_inside;
+  }
+  Visit(const Visit&) = delete;
+  Visit& operator=(const Visit&) = delete;
+
+ private:
+  static inline thread_local int depth = 0;
+};
 
 Script& script(OdbcCall call) { return world().scripts[static_cast<std::size_t>(call)]; }
 
@@ -150,6 +172,7 @@ SQLRETURN read_cell(const OdbcCell& cell, void* buffer, SQLLEN capacity, SQLLEN*
 void odbc_reset() {
   const std::scoped_lock lock(world_mutex);
   world() = World{};
+  overlapped = false;
 }
 
 void odbc_return(OdbcCall call, SQLRETURN code, int nth) {
@@ -209,6 +232,8 @@ int odbc_count(OdbcCall call) {
   return script(call).count;
 }
 
+bool odbc_overlapped() { return overlapped; }
+
 int odbc_live(SQLSMALLINT type) {
   const std::scoped_lock lock(world_mutex);
   const auto& handles = world().handles;
@@ -238,6 +263,7 @@ using namespace zelvan::test;  // NOLINT: the functions below are the library it
 extern "C" {
 
 SQLRETURN SQL_API SQLAllocHandle(SQLSMALLINT type, SQLHANDLE parent, SQLHANDLE* out) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(alloc_call(type));
   const SQLRETURN allowed = check_parent(type, parent);
@@ -250,6 +276,7 @@ SQLRETURN SQL_API SQLAllocHandle(SQLSMALLINT type, SQLHANDLE parent, SQLHANDLE* 
 }
 
 SQLRETURN SQL_API SQLFreeHandle(SQLSMALLINT type, SQLHANDLE handle) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(free_call(type));
   const Handle* const found = find(handle, type);
@@ -261,6 +288,7 @@ SQLRETURN SQL_API SQLFreeHandle(SQLSMALLINT type, SQLHANDLE handle) {
 }
 
 SQLRETURN SQL_API SQLFreeStmt(SQLHSTMT handle, SQLUSMALLINT /*option*/) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::close_cursor);
   Handle* const statement = find(handle, SQL_HANDLE_STMT);
@@ -270,6 +298,7 @@ SQLRETURN SQL_API SQLFreeStmt(SQLHSTMT handle, SQLUSMALLINT /*option*/) {
 }
 
 SQLRETURN SQL_API SQLSetEnvAttr(SQLHENV environment, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER /*length*/) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::set_env_attr);
   world().attributes.push_back({environment != nullptr, attribute, static_cast<long>(std::intptr_t(value))});
@@ -278,6 +307,7 @@ SQLRETURN SQL_API SQLSetEnvAttr(SQLHENV environment, SQLINTEGER attribute, SQLPO
 
 SQLRETURN SQL_API SQLConnect(SQLHDBC handle, SQLCHAR* dsn, SQLSMALLINT /*dsn_length*/, SQLCHAR* uid,
                              SQLSMALLINT /*uid_length*/, SQLCHAR* pwd, SQLSMALLINT /*pwd_length*/) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::connect);
   world().login = {text_of(dsn), text_of(uid), text_of(pwd)};
@@ -288,6 +318,7 @@ SQLRETURN SQL_API SQLConnect(SQLHDBC handle, SQLCHAR* dsn, SQLSMALLINT /*dsn_len
 }
 
 SQLRETURN SQL_API SQLDisconnect(SQLHDBC handle) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::disconnect);
   Handle* const connection = find(handle, SQL_HANDLE_DBC);
@@ -300,6 +331,7 @@ SQLRETURN SQL_API SQLDisconnect(SQLHDBC handle) {
 }
 
 SQLRETURN SQL_API SQLExecDirect(SQLHSTMT handle, SQLCHAR* text, SQLINTEGER /*length*/) {
+  const Visit visit;
   const std::string sql = text_of(text);
   std::unique_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::exec_direct);
@@ -323,6 +355,7 @@ SQLRETURN SQL_API SQLExecDirect(SQLHSTMT handle, SQLCHAR* text, SQLINTEGER /*len
 }
 
 SQLRETURN SQL_API SQLFetch(SQLHSTMT handle) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::fetch);
   Handle* const statement = find(handle, SQL_HANDLE_STMT);
@@ -335,6 +368,7 @@ SQLRETURN SQL_API SQLFetch(SQLHSTMT handle) {
 
 SQLRETURN SQL_API SQLGetData(SQLHSTMT handle, SQLUSMALLINT column, SQLSMALLINT /*type*/, SQLPOINTER buffer,
                              SQLLEN capacity, SQLLEN* indicator) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::get_data);
   const Handle* const statement = find(handle, SQL_HANDLE_STMT);
@@ -349,6 +383,7 @@ SQLRETURN SQL_API SQLGetData(SQLHSTMT handle, SQLUSMALLINT column, SQLSMALLINT /
 SQLRETURN SQL_API SQLDescribeCol(SQLHSTMT handle, SQLUSMALLINT column, SQLCHAR* name, SQLSMALLINT name_capacity,
                                  SQLSMALLINT* name_length, SQLSMALLINT* type, SQLULEN* size, SQLSMALLINT* digits,
                                  SQLSMALLINT* nullable) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::describe_col);
   if (find(handle, SQL_HANDLE_STMT) == nullptr) return SQL_INVALID_HANDLE;
@@ -364,6 +399,7 @@ SQLRETURN SQL_API SQLDescribeCol(SQLHSTMT handle, SQLUSMALLINT column, SQLCHAR* 
 }
 
 SQLRETURN SQL_API SQLNumResultCols(SQLHSTMT handle, SQLSMALLINT* count) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::num_result_cols);
   const Handle* const statement = find(handle, SQL_HANDLE_STMT);
@@ -375,6 +411,7 @@ SQLRETURN SQL_API SQLNumResultCols(SQLHSTMT handle, SQLSMALLINT* count) {
 
 SQLRETURN SQL_API SQLGetInfo(SQLHDBC handle, SQLUSMALLINT type, SQLPOINTER value, SQLSMALLINT capacity,
                              SQLSMALLINT* length) {
+  const Visit visit;
   const std::scoped_lock lock(world_mutex);
   const SQLRETURN code = enter(OdbcCall::get_info);
   if (find(handle, SQL_HANDLE_DBC) == nullptr) return SQL_INVALID_HANDLE;

@@ -80,6 +80,9 @@ std::vector<std::string> odbc_calls();
 // How often the call was made since the reset.
 int odbc_count(OdbcCall call);
 
+// Whether two threads have been in ODBC calls at the same time since the reset.
+bool odbc_overlapped();
+
 // Handles of a type (SQL_HANDLE_ENV, SQL_HANDLE_DBC, SQL_HANDLE_STMT) that are alive; without an argument all of them.
 int odbc_live(SQLSMALLINT type);
 int odbc_live();

@@ -509,7 +509,9 @@ TEST_F(QENTDatabase, ReadTextCutsAtItsLongestText) {
   EXPECT_EQ(std::strlen(out.data()), zelvan::kLongestColumnText);
 }
 
-TEST_F(QENTDatabase, ThreadsMakeObjectsWhileTheConnectionIsReplaced) {
+// Drivers break when two threads use a connection, and the driver manager when one connects it.
+TEST_F(QENTDatabase, OneThreadAtATimeIsInTheDriverAlsoWhileTheConnectionIsReplaced) {
+  odbc_answer("select", {.rows = {{"bob"}}});
   std::atomic<bool> stop{false};
   std::atomic<int> executed{0};
   std::vector<std::thread> threads;
@@ -518,6 +520,9 @@ TEST_F(QENTDatabase, ThreadsMakeObjectsWhileTheConnectionIsReplaced) {
       while (!stop) {
         CQENTDatabase database(shared_.get());
         executed += database.ExecuteDirect(kUpdate);
+        database.ExecuteDirect(kSelect);
+        std::array<char, 8> name{};
+        if (database.FetchRow() == zelvan::kFetched) (void)read_text(database, 1, name);
       }
     });
   }
@@ -530,6 +535,27 @@ TEST_F(QENTDatabase, ThreadsMakeObjectsWhileTheConnectionIsReplaced) {
   while (executed < before + 10) std::this_thread::yield();
   stop = true;
   for (auto& thread : threads) thread.join();
+  EXPECT_FALSE(odbc_overlapped());
   EXPECT_EQ(odbc_live(SQL_HANDLE_STMT), 0);
   EXPECT_EQ(odbc_live(SQL_HANDLE_DBC), 1);
+}
+
+TEST_F(QENTDatabase, AConnectionThatIsHeldIsUsedByItsThreadAloneUntilTheEnd) {
+  std::atomic<bool> executed{false};
+  std::thread other;
+  {
+    const COTPDatabase::Hold held = shared_->hold();
+    other = std::thread([&] {
+      CQENTDatabase database(shared_.get());
+      database.ExecuteDirect(kUpdate);
+      executed = true;
+    });
+    CQENTDatabase database(shared_.get());
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ(database.ExecuteDirect(kSelect), 1);
+    advance_clock(61);
+    EXPECT_EQ(shared_->DBReConnect(), zelvan::kReconnected);
+    EXPECT_FALSE(executed);
+  }
+  other.join();
+  EXPECT_TRUE(executed);
 }
