@@ -131,11 +131,13 @@ class Mariadb(Server):
     fast_stop = signal.SIGTERM
 
     def preparation(self):
-        return ["mariadb-install-db", "--no-defaults", f"--datadir={self.folder}/data", "--skip-test-db",
-                "--auth-root-authentication-method=normal", "--skip-name-resolve"]
+        return ["mariadb-install-db", "--no-defaults", f"--datadir={self.folder}/data", f"--tmpdir={self.folder}",
+                "--skip-test-db", "--auth-root-authentication-method=normal", "--skip-name-resolve"]
 
     def command(self):
-        return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.folder}/data", f"--socket={self.folder}/socket",
+        # A server that starts removes the temporary tables in its tmpdir, also those of other servers.
+        return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.folder}/data", f"--tmpdir={self.folder}",
+                f"--socket={self.folder}/socket",
                 f"--pid-file={self.folder}/pid", "--skip-networking", "--innodb-flush-log-at-trx-commit=0",
                 "--innodb-buffer-pool-size=64M", "--innodb-log-file-size=32M", "--max-connections=200",
                 "--innodb-doublewrite=0", "--performance-schema=off"]
