@@ -52,7 +52,6 @@ std::span<char> limited(char (&field)[Size], std::size_t characters) {
 }  // namespace
 
 int CAnalyseAuthData::otp_initparams() {
-  const COTPDatabase::Hold held = otp_database.hold();
   CQENTDatabase database(&otp_database);
   for (const auto step :
        {&CAnalyseAuthData::load_user, &CAnalyseAuthData::lift_expired_lock, &CAnalyseAuthData::load_token}) {
@@ -68,6 +67,7 @@ int CAnalyseAuthData::load_user(CQENTDatabase& database) {
     return INITPARAMS_NO_ROW;
   }
   const DateColumn last_use("preusedate");
+  const COTPDatabase::Hold held = database.hold_connection();
   if (execute_statement(database, Statement::select_user, {last_use.text(), user_name}) != 1) {
     return INITPARAMS_STATEMENT;
   }
@@ -123,6 +123,7 @@ int CAnalyseAuthData::lift_expired_lock(CQENTDatabase& database) {
 
 int CAnalyseAuthData::load_token(CQENTDatabase& database) {
   const DateColumn last_success("predate");
+  const COTPDatabase::Hold held = database.hold_connection();
   if (execute_statement(database, Statement::select_token, {last_success.text(), serial_number}) != 1) {
     return INITPARAMS_STATEMENT;
   }

@@ -77,7 +77,8 @@ class COTPDatabase {
   // calls, for drivers need it: the MariaDB driver closes a cursor on the connection while another thread reads its
   // result from it, and the SQLite driver keeps its statements in a list without a lock, whatever their `Threading` in
   // odbcinst.ini.  A caller that holds the connection over a select and the reading of its row waits once, not in each
-  // call.  May be taken again by the thread that has it; no other lock but `dbrecon_mutex` is taken inside.
+  // call.  May be taken again by the thread that has it.  No other lock but `dbrecon_mutex` is taken inside, and no
+  // log line is written: a disk that is full may keep that for ever.
   using Hold = std::unique_lock<std::recursive_mutex>;
   [[nodiscard]] Hold hold() const { return Hold(calls_mutex_); }
 

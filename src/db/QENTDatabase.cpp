@@ -40,7 +40,7 @@ CQENTDatabase::CQENTDatabase(COTPDatabase* source) : borrowed_(1), source_(sourc
 
 CQENTDatabase::~CQENTDatabase() {
   {
-    const Hold held = hold_statement();
+    const Hold held = hold_connection();
     if (statement_ != SQL_NULL_HSTMT) {
       (void)close_cursor();
       (void)free_statement();
@@ -57,7 +57,7 @@ int CQENTDatabase::DBConnect(const SQLCHAR* dsn, SQLSMALLINT dsn_length, const S
 
 int CQENTDatabase::DBDisconnect() {
   if (borrowed_ == 0) return COTPDatabase::DBDisconnect();
-  const Hold held = hold_statement();
+  const Hold held = hold_connection();
   const SQLRETURN code = statement_ != SQL_NULL_HSTMT ? free_statement() : SQLRETURN{SQL_SUCCESS};
   forget_connection();
   return code;
@@ -65,7 +65,7 @@ int CQENTDatabase::DBDisconnect() {
 
 int CQENTDatabase::ExecuteDirect(const char* sql) {
   if (sql == nullptr || connection() == SQL_NULL_HDBC) return zelvan::kNotExecuted;
-  const Hold held = hold_statement();
+  const Hold held = hold_connection();
   const Execution execution = is_select(sql) ? execute_select(sql) : execute_update(sql);
   if (execution == Execution::done) return zelvan::kExecuted;
 
@@ -102,9 +102,9 @@ CQENTDatabase::Execution CQENTDatabase::execute_update(const char* sql) {
   return SQL_SUCCEEDED(freed) ? Execution::done : Execution::failed;
 }
 
-// Keeps the source's connection to this thread while the result lives.  A statement that went with a connection closed since is
-// no longer named by its address, which may belong to another thread's statement by now.
-COTPDatabase::Hold CQENTDatabase::hold_statement() {
+// Keeps the source's connection to this thread while the result lives.  A statement that went with a connection closed
+// since is no longer named by its address, which may belong to another thread's statement by now.
+COTPDatabase::Hold CQENTDatabase::hold_connection() {
   if (source_ == nullptr) return {};
   Hold held = source_->hold();
   const bool lost = statement_closings_ != source_->closings();
@@ -124,12 +124,10 @@ bool CQENTDatabase::open_statement() {
 
 SQLRETURN CQENTDatabase::close_cursor() { return SQLFreeStmt(statement_, SQL_CLOSE); }
 
-SQLRETURN CQENTDatabase::free_statement() {
-  return SQLFreeHandle(SQL_HANDLE_STMT, std::exchange(statement_, nullptr));
-}
+SQLRETURN CQENTDatabase::free_statement() { return SQLFreeHandle(SQL_HANDLE_STMT, std::exchange(statement_, nullptr)); }
 
 int CQENTDatabase::FetchRow() {
-  const Hold held = hold_statement();
+  const Hold held = hold_connection();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kFetchNoStatement;
   switch (SQLFetch(statement_)) {
     case SQL_SUCCESS:
@@ -145,7 +143,7 @@ int CQENTDatabase::FetchRow() {
 }
 
 int CQENTDatabase::GetData(unsigned short column, void* buffer, long length, long* indicator, short type) {
-  const Hold held = hold_statement();
+  const Hold held = hold_connection();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
   const SQLRETURN code = SQLGetData(statement_, column, type, buffer, length, indicator);
   return SQL_SUCCEEDED(code) ? zelvan::kColumnRead : zelvan::kColumnFailed;
@@ -153,7 +151,7 @@ int CQENTDatabase::GetData(unsigned short column, void* buffer, long length, lon
 
 int CQENTDatabase::DescribeCol(short column, unsigned char* name, short length, short* name_length, short* data_type,
                                unsigned long* column_size, short* decimal_digits, short* nullable) {
-  const Hold held = hold_statement();
+  const Hold held = hold_connection();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
   const SQLRETURN code = SQLDescribeCol(statement_, static_cast<SQLUSMALLINT>(column), name, length, name_length,
                                         data_type, column_size, decimal_digits, nullable);
@@ -161,7 +159,7 @@ int CQENTDatabase::DescribeCol(short column, unsigned char* name, short length, 
 }
 
 int CQENTDatabase::ColuminRow() {
-  const Hold held = hold_statement();
+  const Hold held = hold_connection();
   if (statement_ == SQL_NULL_HSTMT) return zelvan::kColumnNoStatement;
   SQLSMALLINT count = 0;
   if (!SQL_SUCCEEDED(SQLNumResultCols(statement_, &count))) return zelvan::kColumnFailed;

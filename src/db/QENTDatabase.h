@@ -84,11 +84,14 @@ class CQENTDatabase : public COTPDatabase {
   // Returns the number of columns of the open select, kColumnNoStatement (-1) or kColumnFailed (-2).
   int ColuminRow();
 
+  // Keeps every other thread off the borrowed connection while the result lives: see COTPDatabase::hold.  Without a
+  // source there is nobody else.
+  [[nodiscard]] Hold hold_connection();
+
  private:
   enum class Execution { done, failed, needs_reconnect };
   Execution execute_select(const char* sql);
   Execution execute_update(const char* sql);
-  Hold hold_statement();
   [[nodiscard]] bool open_statement();
   SQLRETURN close_cursor();
   SQLRETURN free_statement();

@@ -6,7 +6,7 @@
 // Differs  64 mutexes stand for all names, so two accounts may share one and wait for each other.  Names that differ in
 //          the case of ASCII letters or in trailing blanks only share one always, since a collation may take them for
 //          one name; other letters that a collation may take for equal (accents) are told apart.
-// Threads  Taken before, never inside, any other lock; a thread holds one at a time.
+// Threads  Taken before any other lock (the synchronisation's own apart); a thread holds one at a time.
 // Memory   A reference to one of the mutexes, which live as long as the process.
 #pragma once
 

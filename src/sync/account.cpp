@@ -90,7 +90,7 @@ sync_result select_row(CQENTDatabase& database, Statement statement, std::string
 }  // namespace
 
 sync_result load_account(CQENTDatabase& database, const char* user_name, SyncAccount& account) {
-  const COTPDatabase::Hold held = otp_database.hold();
+  const COTPDatabase::Hold held = database.hold_connection();
   const sync_result user = select_row(database, Statement::select_user_for_sync, user_name);
   if (user != SYNC_ACCEPTED) return user;
   const bool user_read = read_user_columns(database, account);

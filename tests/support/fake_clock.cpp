@@ -8,7 +8,7 @@
 namespace {
 std::atomic<std::time_t> clock_seconds{1'700'000'000};  // 2023-11-14 22:13:20 UTC
 std::function<void()> read_hook;
-}
+}  // namespace
 
 namespace zelvan {
 std::time_t now_seconds() {

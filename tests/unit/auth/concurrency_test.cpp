@@ -39,11 +39,11 @@ class Concurrency : public AuthTest {
   }
 };
 
-// Holds up every request between its selects and its updates, where it reads the time and no statement runs, for as long
-// as another request might still come there too.
+// Holds up every request between its selects and its updates, where it reads the time and no statement runs, for as
+// long as another request might still come there too.
 class Meeting {
  public:
-  Meeting() {
+  explicit Meeting(std::chrono::milliseconds patience) : patience_(patience) {
     odbc_on_execute([](const std::string& sql) { loaded_ = sql.starts_with("select userkey"); });
     on_clock_read([this] {
       if (std::exchange(loaded_, false)) arrive();
@@ -61,11 +61,11 @@ class Meeting {
     std::unique_lock lock(mutex_);
     const bool first = ++arrived_ == 1;
     changed_.notify_all();
-    const bool both = changed_.wait_for(lock, kPatience, [this] { return arrived_ > 1; });
+    const bool both = changed_.wait_for(lock, patience_, [this] { return arrived_ > 1; });
     if (first) happened_ = both;
   }
 
-  static constexpr std::chrono::milliseconds kPatience{300};
+  const std::chrono::milliseconds patience_;
   static inline thread_local bool loaded_ = false;  // the request of this thread has made its last select
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -124,14 +124,14 @@ TEST_F(Concurrency, OneChallengeIsAnsweredOnce) {
 
 TEST_F(Concurrency, SecondRequestForAnAccountWaitsForTheFirst) {
   account.publish();
-  const Meeting meeting;
+  const Meeting meeting(std::chrono::milliseconds{300});
   (void)send_at_once({client.pap("alice", code(5)), client.pap("alice", code(5))});
   EXPECT_FALSE(meeting.happened());
 }
 
 TEST_F(Concurrency, RequestsForDifferentAccountsRunSideBySide) {
   account.publish();
-  const Meeting meeting;
+  const Meeting meeting(std::chrono::seconds{20});
   (void)send_at_once({client.pap("alice", code(5)), client.pap("bob", code(5))});
   EXPECT_TRUE(meeting.happened());
 }

@@ -1,9 +1,13 @@
 // Loading the user and the token: every column, the lock, the first moving factor.
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <future>
 
 #include "auth_fixture.h"
 #include "base/text.h"
 #include "config/settings.h"
+#include "db/OTPDatabase.h"
 #include "db/statements.h"
 #include "mail/notifier.h"
 
@@ -315,6 +319,25 @@ TEST_F(Lock, UnlockThatFailsIsALogLineWithALog) {
   EXPECT_EQ(load(), INITPARAMS_STATEMENT);
   EXPECT_EQ(executed(), (Statements{sql::select_user(), sql::unlock_user()}));
   EXPECT_EQ(log_text(), std::string(kNowText) + "\tUpdate userinfo failed.Username:alice.\n");
+}
+
+// A log whose disk is full keeps a line, and its thread, until there is room.
+TEST_F(Lock, LogLineOfAnUnlockThatFailsKeepsNobodyFromTheDatabase) {
+  start_log();
+  account.user.preusedate = date(kNow - 600);
+  odbc_answer("update userinfo set islocked = 0", {{}, SQL_ERROR, 0});
+  std::atomic<bool> failed{false};
+  odbc_on_execute([&](const std::string& sql) { failed = sql.starts_with("update"); });
+  std::vector<std::future<void>> others;
+  bool reached = false;
+  on_clock_read([&] {  // the reconnect reads it, with the connection held, and then the log
+    if (!failed) return;
+    others.push_back(std::async(std::launch::async, [] { (void)otp_database.hold(); }));
+    reached = reached || others.back().wait_for(std::chrono::milliseconds(200)) == std::future_status::ready;
+  });
+  EXPECT_EQ(load(), INITPARAMS_STATEMENT);
+  on_clock_read(nullptr);
+  EXPECT_TRUE(reached);
 }
 
 // ---- the token's row
