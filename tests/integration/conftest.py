@@ -22,8 +22,6 @@ def pytest_unconfigure():
 
 def pytest_collection_modifyitems(items):
     for item in items:
-        if engine.chosen() != engine.SQLITE and item.path.name.startswith("zelvan"):
-            item.add_marker(pytest.mark.skip(reason="the tools' tests make SQLite files of their own"))
         for mark in item.iter_markers("engines"):
             if engine.chosen() not in mark.args:
                 item.add_marker(pytest.mark.skip(reason=mark.kwargs["reason"]))

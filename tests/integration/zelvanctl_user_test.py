@@ -51,8 +51,7 @@ class TestAdding:
 
     def test_a_refused_user_leaves_no_token(self, db, tool):
         """The token is added first; the user row is then refused by the database."""
-        db.run("create trigger no_add4 before insert on userinfo when new.username = 'add4' "
-               "begin select raise(abort, 'no'); end")
+        db.refuse_inserts("userinfo", "username", "add4")
         tool.run("user", "add", "add4", "--serial", "ADD-4", code=1)
         assert db.run("select * from keyinfo where serialnum = 'ADD-4'") == []
 
@@ -100,7 +99,7 @@ class TestPins:
 
     def test_an_interrupt_at_the_prompt_turns_the_echo_on_again(self, db, tool):
         keyboard, terminal = pty.openpty()
-        process = subprocess.Popen([str(tool.executable), "user", "add", "pin6", "--pin"], env=tool.environment,
+        process = subprocess.Popen(tool.command("user", "add", "pin6", "--pin"), env=tool.environment,
                                    stdin=terminal, stdout=terminal, stderr=terminal)
         wait_until(lambda: not termios.tcgetattr(terminal)[3] & termios.ECHO, "the prompt without echo")
         process.send_signal(signal.SIGINT)

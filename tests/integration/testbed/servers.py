@@ -18,6 +18,7 @@ from testbed import engine
 SQL = Path(__file__).resolve().parents[3] / "sql"
 LOGIN, PASSWORD = "zelvan", "a-login's \\password"  # of the daemon
 ADMINISTRATOR = "administrator"
+ADMINISTRATORS = {engine.POSTGRESQL: ADMINISTRATOR, engine.MARIADB: "root"}  # none of them needs a password
 PATIENCE = 120  # seconds for a server to start or to end
 SHARED = "ZELVAN_TEST_SERVER"  # names the folder of the server that all tests of a run share
 UNPRIVILEGED = "nobody"  # PostgreSQL does not run as root
@@ -118,6 +119,9 @@ class Postgresql(Server):
         quoted = password.replace("'", "''")
         self.psql("postgres", "-c", f"create role \"{name}\" login password '{quoted}' in role zelvan_daemon")
 
+    def revoke_role(self, name):
+        self.psql("postgres", "-c", f"revoke zelvan_daemon from \"{name}\"")
+
     def psql(self, database, *arguments):
         """Runs PostgreSQL's own shell as the administrator; any error ends it."""
         command = ["psql", "--no-psqlrc", "--quiet", "--set=ON_ERROR_STOP=1", f"--host={self.folder}",
@@ -155,6 +159,9 @@ class Mariadb(Server):
         self.mariadb("", f"create user `{name}`@localhost identified by '{quoted}';"
                          f"grant zelvan_daemon to `{name}`@localhost;"
                          f"set default role zelvan_daemon for `{name}`@localhost")
+
+    def revoke_role(self, name):
+        self.mariadb("", f"revoke zelvan_daemon from `{name}`@localhost; set default role none for `{name}`@localhost")
 
     def mariadb(self, database, sql):
         """Runs MariaDB's own shell as the administrator; any error ends it."""
