@@ -139,6 +139,26 @@ class TestLogins:
         here.tool.login = []
         assert here.findings(code=OK) == []
 
+    def test_an_owner_who_may_make_no_roles(self, here, owner):
+        """The role is there; to make it anew would be refused."""
+        here.db.forbid_roles(owner)
+        for _ in range(2):
+            here.tool.run("db", "init", "--multi-server")
+        assert here.findings(code=OK) == []
+
+    def test_what_the_servers_login_is_enough_for(self, ready):
+        user = ready.db.add_user("alice")
+        ready.tool.login = []
+        assert [each["user"] for each in ready.tool.json("user", "list")] == ["alice"]
+        ready.tool.run("user", "lock", "alice")
+        assert ready.tool.json("user", "show", "alice")["state"] == "locked"
+        ready.tool.run("user", "unlock", "alice")
+        ready.tool.run("token", "qr", "alice")
+        ready.tool.run("token", "resync", "alice", user.code(20), user.code(21))
+        assert ready.db.factor(user) == 22
+        for command in (["user", "remove", "alice", "--yes"], ["user", "disable", "alice"]):
+            assert "--login NAME" in ready.tool.run(*command, code=FAILED).stderr
+
     def test_the_servers_own_login_is_refused_and_told_why(self, here):
         here.tool.login = []
         code = UNREACHABLE if engine.chosen() == engine.MARIADB else FAILED  # the database itself is closed to it
@@ -199,6 +219,30 @@ class TestLogins:
     def test_a_tool_without_rights_of_its_own(self, ready):
         ready.tool.login = []
         assert "--login" in ready.tool.run("user", "add", "alice", code=FAILED).stderr
+
+
+@SERVERS
+class TestNewServer:
+    """A database server that has never heard of the role."""
+
+    @pytest.fixture
+    def fresh(self, tmp_path):
+        server = servers.KINDS[engine.chosen()]()
+        try:
+            server.remove_role()
+            yield Installation(tmp_path, make_database(tmp_path, empty=True, server=server))
+        finally:
+            server.remove()
+
+    def test_from_nothing_to_a_server_that_may_work(self, fresh):
+        grants = fresh.tool.json("db", "init")["grants"]
+        assert grants and fresh.findings() != []
+        for statement in grants:
+            fresh.db.run(statement.rstrip(";"))
+        assert fresh.tool.json("db", "init")["grants"] == []
+        assert fresh.findings(code=OK) == []
+        fresh.tool.login = []
+        assert fresh.findings(code=OK) == []
 
 
 class TestGuard:

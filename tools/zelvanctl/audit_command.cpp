@@ -14,6 +14,7 @@
 #include "base/clock.h"
 #include "base/sleep.h"
 #include "zelvanctl/audit_text.h"
+#include "zelvanctl/catalogue.h"
 #include "zelvanctl/server_process.h"
 #include "zelvanctl/utc_time.h"
 
@@ -141,7 +142,7 @@ class TableSource : public Source {
   // The rest of "order by optime": what numbers the rows of one second, if anything does.
   static std::string row_order(Database& database, const Engine& engine) {
     if (engine.name == "sqlite") return ", rowid";
-    for (const ColumnDescription& column : database.columns("commonloginfo")) {
+    for (const ColumnDescription& column : table_columns(database, engine, "commonloginfo")) {
       if (column.name == "id") return ", id";
     }
     return {};

@@ -10,6 +10,7 @@
 #include "db/current_date.h"
 #include "db/statements.h"
 #include "db/time_text.h"
+#include "zelvanctl/catalogue.h"
 #include "zelvanctl/data_source_check.h"
 #include "zelvanctl/fields.h"
 #include "zelvanctl/row_check.h"
@@ -80,20 +81,11 @@ void check_kind(const ExpectedColumn& expected, const ColumnDescription& found, 
   }
 }
 
-// The schema in which PostgreSQL finds a table, or would; elsewhere there is none.
-std::string schema_of(Database& database, const Engine& engine, const std::string& table) {
-  if (engine.name != "postgresql") return {};
-  const auto rows = database.query(
-      "select nspname from pg_namespace where oid = (select relnamespace from pg_class where oid = to_regclass(?))",
-      {table});
-  return rows.empty() ? "" : rows.front().text(0).value_or("");
-}
-
 // Returns true when every table has every column.
 bool check_columns(Database& database, const Engine& engine, Findings& findings) {
   bool complete = true;
   for (const char* table : kTables) {
-    const auto columns = database.columns(table, schema_of(database, engine, table));
+    const auto columns = table_columns(database, engine, table);
     if (columns.empty()) {
       error(findings, table,
             "the table is missing, or this login has no right on it; zelvanctl db init creates what is missing");
@@ -118,7 +110,7 @@ bool check_columns(Database& database, const Engine& engine, Findings& findings)
 void check_unique(Database& database, const Engine& engine, Findings& findings) {
   for (const ExpectedColumn& expected : kColumns) {
     if (!expected.unique) continue;
-    const auto indexes = database.unique_indexes(expected.table, schema_of(database, engine, expected.table));
+    const auto indexes = unique_columns(database, engine, expected.table);
     const bool kept = std::ranges::any_of(
         indexes, [&](const auto& columns) { return columns.size() == 1 && same_name(columns.front(), expected.name); });
     const std::string where = fmt::format("{}.{}", expected.table, expected.name);
@@ -295,7 +287,7 @@ Database* open_server_database(Context& context, Findings& findings) {
 std::vector<std::string> existing_tables(Database& database, const Engine& engine) {
   std::vector<std::string> tables;
   for (const char* table : kTables) {
-    if (!database.columns(table, schema_of(database, engine, table)).empty()) tables.emplace_back(table);
+    if (!table_columns(database, engine, table).empty()) tables.emplace_back(table);
   }
   return tables;
 }

@@ -315,6 +315,10 @@ class Postgresql(ServerDatabase):
                          f"alter database {self.name} owner to {name}")
         self.run(f"alter schema public owner to {name}")
 
+    def forbid_roles(self, name):
+        """Takes from a login the right to make roles."""
+        self.server.psql("postgres", "-c", f"alter role {name} nocreaterole")
+
     def forget_login(self, name):
         """Removes a login."""
         self.server.psql(self.name, "-c", f"reassign owned by {name} to {servers.ADMINISTRATOR}", "-c",
@@ -395,6 +399,10 @@ class Mariadb(ServerDatabase):
         self.server.mariadb("", f"create user {name}@localhost identified by '{quoted}';"
                                 f"grant all on {self.name}.* to {name}@localhost with grant option;"
                                 f"grant create user on *.* to {name}@localhost")
+
+    def forbid_roles(self, name):
+        """Takes from a login the right to make roles."""
+        self.server.mariadb("", f"revoke create user on *.* from {name}@localhost")
 
     def forget_login(self, name):
         """Removes a login."""

@@ -122,6 +122,9 @@ class Postgresql(Server):
     def revoke_role(self, name):
         self.psql("postgres", "-c", f"revoke zelvan_daemon from \"{name}\"")
 
+    def remove_role(self):
+        self.psql("strict", "-c", "drop owned by zelvan_daemon", "-c", "drop role zelvan_daemon")
+
     def psql(self, database, *arguments):
         """Runs PostgreSQL's own shell as the administrator; any error ends it."""
         command = ["psql", "--no-psqlrc", "--quiet", "--set=ON_ERROR_STOP=1", f"--host={self.folder}",
@@ -162,6 +165,9 @@ class Mariadb(Server):
 
     def revoke_role(self, name):
         self.mariadb("", f"revoke zelvan_daemon from `{name}`@localhost; set default role none for `{name}`@localhost")
+
+    def remove_role(self):
+        self.mariadb("", "drop role zelvan_daemon")
 
     def mariadb(self, database, sql):
         """Runs MariaDB's own shell as the administrator; any error ends it."""
