@@ -437,10 +437,14 @@ class TestEveryCommand:
 
     @pytest.mark.parametrize("arguments", [[], ["nonsense"], ["user"], ["user", "add"], ["db", "init", "--nonsense"],
                                            ["user", "list", "--sort", "shoe"], ["user", "add", "a", "--digits", "x"],
-                                           ["audit", "--since", "yesterday"]])
+                                           ["audit", "--since", "yesterday"], ["--password-file"]])
     def test_wrong_usage(self, ready, arguments):
         assert ready.tool.run(*arguments, code=USAGE).stdout == ""
         assert json.loads(ready.tool.run(*arguments, "--json", code=USAGE).stderr)["exit_code"] == USAGE
+
+    @ONLY_SQLITE
+    def test_a_password_without_a_login(self, here):
+        assert "--login" in here.tool.run("--password-file", "/dev/null", "user", "list", code=USAGE).stderr
 
     def test_a_missing_settings_file(self, here):
         assert "there is no settings file" in here.tool.run("db", "check", "--config", "/none", code=UNREACHABLE).stderr

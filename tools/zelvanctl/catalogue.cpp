@@ -31,8 +31,8 @@ Kind mariadb_kind(std::string_view type) {
   return among(kDates) ? Kind::date : Kind::other;
 }
 
-// Not the driver's SQLColumns: its query, with all the long texts of the catalogue, has ended a server (10.11.19) with a
-// segmentation fault.
+// Not the driver's SQLColumns: its query, with all the long texts of the catalogue, has ended a server (10.11.19) with
+// a segmentation fault.
 std::vector<ColumnDescription> mariadb_columns(Database& database, const std::string& table) {
   std::vector<ColumnDescription> columns;
   for (const Row& row : database.query("select column_name, data_type, character_maximum_length from "

@@ -1,5 +1,5 @@
-// What the database's catalogue says about a table: also about columns that a "select *" leaves out, and without the right
-// to read the table.
+// What the database's catalogue says about a table: also about columns that a "select *" leaves out, and without the
+// right to read the table.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@
 
 namespace zelvan::ctl {
 
-// Returns the columns of a table; none when there is no such table.  MariaDB lists those only on which the login has some
-// right.  Throws DatabaseError.
+// Returns the columns of a table; none when there is no such table.  MariaDB lists those only on which the login has
+// some right.  Throws DatabaseError.
 std::vector<ColumnDescription> table_columns(Database& database, const Engine& engine, const std::string& table);
 
 // Returns the groups of columns that the database keeps unique.  Throws DatabaseError.

@@ -26,14 +26,14 @@ void add_common_options(CLI::App& program, Context& context) {
       ->type_name("FILE");
   program.add_flag_callback(
       "--json", [&context] { context.out.set_json(true); }, "Write JSON for scripts instead of text for people");
-  program
-      .add_option("--login", context.login,
-                  "Log in to the database as NAME, not as the server does; the password is asked for, or is the first "
-                  "line of standard input")
-      ->type_name("NAME");
+  CLI::Option* login = program.add_option("--login", context.login,
+                                          "Log in to the database as NAME, not as the server does; the password is "
+                                          "asked for, or is the first line of standard input");
+  login->type_name("NAME");
   program
       .add_option("--password-file", context.password_file, "Take the password of --login from the file's first line")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->needs(login);
   program.add_flag("-y,--yes", context.assume_yes, "Do not ask before something is destroyed");
   program.add_flag("--show-secrets", context.show_secrets, "Show keys and PINs; without it no secret is written");
 }

@@ -313,7 +313,6 @@ class Postgresql(ServerDatabase):
         quoted = password.replace("'", "''")
         self.server.psql("postgres", "-c", f"create role {name} login createrole password '{quoted}'", "-c",
                          f"alter database {self.name} owner to {name}")
-        self.run(f"alter schema public owner to {name}")
 
     def forbid_roles(self, name):
         """Takes from a login the right to make roles."""
