@@ -139,13 +139,22 @@ class Mariadb(Server):
 
     def preparation(self):
         return ["mariadb-install-db", "--no-defaults", f"--datadir={self.folder}/data", "--skip-test-db",
-                "--auth-root-authentication-method=normal", "--skip-name-resolve"]
+                "--auth-root-authentication-method=normal", "--skip-name-resolve", self.temporary()]
 
     def command(self):
         return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.folder}/data", f"--socket={self.folder}/socket",
                 f"--pid-file={self.folder}/pid", "--skip-networking", "--innodb-flush-log-at-trx-commit=0",
                 "--innodb-buffer-pool-size=64M", "--innodb-log-file-size=32M", "--max-connections=200",
-                "--innodb-doublewrite=0", "--performance-schema=off"]
+                "--innodb-doublewrite=0", "--performance-schema=off",
+                self.temporary()]
+
+    def temporary(self):
+        """Temporary tables are kept in the server's own folder.
+
+        A server that starts clears the folder.  In /tmp it would take the tables of other servers, which end with a
+        segmentation fault then.
+        """
+        return f"--tmpdir={self.folder}"
 
     def answers(self):
         command = ["mariadb", "--no-defaults", f"--socket={self.folder}/socket", "--user=root", "--connect-timeout=5",
