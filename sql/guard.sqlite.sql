@@ -11,6 +11,8 @@
 --
 -- To set a counter back without a new key: drop trigger keyinfo_guard; ...; and run this file again.
 
+begin;
+
 drop trigger if exists keyinfo_guard;
 create trigger keyinfo_guard before update of hcounter, lcounter on keyinfo
 when old.tktype in (1, 2) and new.tktype = old.tktype and new.userkey = old.userkey
@@ -18,3 +20,5 @@ when old.tktype in (1, 2) and new.tktype = old.tktype and new.userkey = old.user
 begin
   select raise(abort, 'keyinfo: this code is used');
 end;
+
+commit;

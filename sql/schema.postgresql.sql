@@ -87,11 +87,14 @@ comment on column commonloginfo.optype   is 'Kind of operation, always 1: authen
 comment on column commonloginfo.remoteip is 'From where: the dotted address of the RADIUS client; empty when not known';
 comment on column commonloginfo.id       is 'The order of the rows';
 
+-- An owner who may make no roles can run this when an administrator has made the role.
 do $$
 begin
-  create role zelvan_daemon;
+  if not exists (select from pg_roles where rolname = 'zelvan_daemon') then
+    create role zelvan_daemon;
+  end if;
 exception
-  when duplicate_object then null;
+  when duplicate_object or unique_violation then null;  -- somebody else made it in the same moment
 end $$;
 
 revoke all on userinfo, keyinfo, commonloginfo from public;

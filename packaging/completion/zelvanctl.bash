@@ -6,7 +6,7 @@ _zelvanctl_words() {
   local new_token='--type --digits --window --step --counter --serial --qr --issuer'
   case "$1" in
     '') echo 'db user token audit config probe doctor' ;;
-    common) echo '--config --json --yes --show-secrets --help --version' ;;
+    common) echo '--config --login --password-file --json --yes --show-secrets --help --version' ;;
     db) echo 'init check' ;;
     user) echo 'add list set remove show lock unlock disable enable' ;;
     token) echo 'new list show qr resync replace remove import export' ;;
@@ -15,6 +15,7 @@ _zelvanctl_words() {
     probe) echo '--server --chap --secret-file --timeout' ;;
     doctor | 'config check') echo '--directory' ;;
     'config get' | 'config set' | 'config unset') echo '--section' ;;
+    'db init') echo '--multi-server' ;;
     'user add') echo "--mail --pin --pin-value --token $new_token" ;;
     'user list') echo '--locked --disabled --active --match --type --unused-since --failures --sort --reverse' ;;
     'user set') echo '--mail --pin --pin-value --no-pin --token' ;;
@@ -36,7 +37,7 @@ _zelvanctl_keys='otp_dsn otp_uid otp_pwd otp_dbtype radius_port otp_packetcheckt
 # Options that take a value.
 _zelvanctl_takes_value() {
   case "$1" in
-    --config | --mail | --pin-value | --token | --type | --digits | --window | --step | --counter | --serial | --issuer | \
+    --config | --login | --password-file | --mail | --pin-value | --token | --type | --digits | --window | --step | --counter | --serial | --issuer | \
       --match | --unused-since | --failures | --sort | --user | --since | --directory | --section | --server | \
       --secret-file | --timeout) return 0 ;;
   esac
@@ -49,7 +50,7 @@ _zelvanctl_values() {
   case "$1" in
     --type) mapfile -t COMPREPLY < <(compgen -W 'time event challenge' -- "$word") ;;
     --sort) mapfile -t COMPREPLY < <(compgen -W 'name last failures serial' -- "$word") ;;
-    --config | --secret-file) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+    --config | --secret-file | --password-file) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
     --directory) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
   esac
 }

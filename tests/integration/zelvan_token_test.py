@@ -14,13 +14,15 @@ from pathlib import Path
 
 import pytest
 
-from testbed import own_network, sync
+from testbed import engine, own_network, sync
 from testbed.daemon import udp_ports, wait_until
 from testbed.database import CHALLENGE as CHALLENGE_TOKEN, KEY, TIMED
 from testbed.radius import ACCEPT, CHALLENGE
 from testbed.settings import SECRET
 
 own_network.enter()
+
+WHATEVER_ENGINE = pytest.mark.engines(engine.SQLITE, reason="is about the program, whatever the database behind the service")
 
 PROGRAM = Path(os.environ["ZELVAN_BIN_DIR"]) / "zelvan-token"
 PIN = "2468"
@@ -108,6 +110,7 @@ class TestRoundTrip:
             assert login(daemon, user, token.code(user)).code == ACCEPT
         assert db.factor(user) == 2**32 + 8
 
+    @WHATEVER_ENGINE
     @pytest.mark.parametrize("pin", [None, PIN])
     @pytest.mark.parametrize("step", [1, 2])
     def test_time_stepped_token(self, daemon, db, token, pin, step):
@@ -117,6 +120,7 @@ class TestRoundTrip:
         for _ in range(10):
             assert login(daemon, user, token.code(user)).code == ACCEPT
 
+    @WHATEVER_ENGINE
     def test_time_stepped_token_with_pauses(self, daemon, db, token):
         """The server counts from each login anew; the token keeps counting from the fetch, and both stay in step."""
         user = db.add_user(kind=TIMED, step=1, used=-100, factor=1000, window=6)
@@ -125,6 +129,7 @@ class TestRoundTrip:
             time.sleep(0.7 * (number % 4))
             assert login(daemon, user, token.code(user)).code == ACCEPT
 
+    @WHATEVER_ENGINE
     def test_time_stepped_token_whose_codes_are_not_all_used(self, daemon, db, token):
         user = db.add_user(kind=TIMED, step=1, used=-100, factor=1000)
         token.fetch(user, 1100)
@@ -151,6 +156,7 @@ class TestRoundTrip:
         assert login(daemon, user, token.code(user)).code == ACCEPT
 
 
+@WHATEVER_ENGINE
 @pytest.mark.usefixtures("service")
 class TestTimeStep:
     def test_two_codes_within_one_step_are_good_and_the_third_has_to_wait(self, daemon, db, token):
@@ -188,6 +194,7 @@ class TestTimeStep:
         assert login(daemon, user, token.code(user)).code == ACCEPT
 
 
+@WHATEVER_ENGINE
 @pytest.mark.usefixtures("service")
 class TestFetch:
     def test_the_file_and_its_folder_are_the_users_own(self, db, token):
@@ -288,6 +295,7 @@ def typed_at_a_terminal(token, arguments, text, prompt=": "):
     return shown
 
 
+@WHATEVER_ENGINE
 class TestNetwork:
     """Servers that do not behave; they need no daemon."""
 
@@ -348,6 +356,7 @@ class TestNetwork:
         assert json.loads(result.stderr)["exit_code"] == NO_ANSWER
 
 
+@WHATEVER_ENGINE
 class TestStored:
     """Commands on files that a test wrote; they need no daemon."""
 
@@ -444,6 +453,7 @@ class TestStored:
         assert token.run("forget", "--yes").returncode == OK and not path.exists()
 
 
+@WHATEVER_ENGINE
 class TestCommandLine:
     @pytest.mark.parametrize("command", [[], ["fetch"], ["code"], ["show"], ["forget"]])
     def test_help(self, token, command):

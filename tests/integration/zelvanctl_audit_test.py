@@ -7,9 +7,10 @@ import time
 
 import pytest
 
+from testbed import engine
 from testbed.database import utc
 from testbed.radius import ACCEPT, REJECT
-from testbed.zelvanctl import UNREACHABLE, Tool
+from testbed.zelvanctl import FAILED, UNREACHABLE, Tool
 
 
 def log_in(db, client, name):
@@ -132,6 +133,21 @@ class TestTable:
         assert len(tool.json("audit", "--user", "tina", "--since", "1h")) == 2
         db.run("update commonloginfo set optime = ? where operator = 'tina'", utc(-7200))
         assert tool.json("audit", "--user", "tina", "--since", "1h") == []
+
+    @pytest.mark.engines(engine.POSTGRESQL, engine.MARIADB, reason="SQLite has no logins")
+    def test_the_servers_login_may_not_read_them(self, daemon):
+        tool = Tool.beside(daemon)
+        tool.login = []
+        assert "--login NAME" in tool.run("audit", code=FAILED).stderr
+
+    def test_many_rows_of_one_second_keep_their_order(self, daemon, db):
+        rows = [f"{number:02d}" for number in range(40)]
+        for name in rows:
+            db.run("insert into commonloginfo (optime, operator, loglev, optype, remark, remoteip) "
+                   "values ('2001-02-03 04:05:06', ?, 100, 1, 'auth succeed', '127.0.0.1')", name)
+        db.run("update commonloginfo set remark = 'auth failed.' where operator = '07'")
+        events = Tool.beside(daemon).json("audit")
+        assert [event["user"] for event in events if event["time"].startswith("2001")] == rows
 
     def test_following_shows_each_row_once(self, daemon, db, client):
         follower = Follower(Tool.beside(daemon), "--user", "theo", "--since", "1m")

@@ -10,6 +10,7 @@ from pathlib import Path
 
 import pytest
 
+from testbed import engine
 from testbed.ports import free_port
 from testbed.zelvanctl import FAILED, NOT_FOUND, OK, REFUSED, UNREACHABLE, USAGE, Tool
 
@@ -66,6 +67,8 @@ class Installation:
 
 @pytest.fixture
 def here(tmp_path):
+    if engine.chosen() != engine.SQLITE:
+        pytest.skip("is about the settings file, whatever the engine")
     return Installation(tmp_path)
 
 

@@ -8,8 +8,10 @@ from pathlib import Path
 
 import pytest
 
+from testbed import engine
 from testbed.zelvanctl import FAILED, OK, UNREACHABLE, Tool
 
+ONLY_SQLITE = pytest.mark.engines(engine.SQLITE, reason="is about SQLite's files and driver, or about no database")
 SOURCES = Path(__file__).resolve().parents[2]
 
 
@@ -36,7 +38,7 @@ class TestHealthy:
         assert found["server"]["remark"] == f"runs in {running.run_folder}"
         assert found["probe"]["findings"] == [] and "answers within" in found["probe"]["remark"]
         assert found["database"]["findings"] == []
-        assert found["journal"]["remark"] == "WAL"
+        assert found["journal"]["remark"] == ("WAL" if engine.chosen() == engine.SQLITE else "no SQLite in reach")
         assert "the server was started" in found["start-up log"]["remark"]
 
     def test_the_probe_leaves_no_trace(self, running):
@@ -97,12 +99,26 @@ class TestSick:
         daemon.settings_path.chmod(0o600)
         assert "config set 127.0.0.1" in told(steps(Tool.beside(daemon), OK)["probe"])
 
+    def test_a_server_that_may_not_work(self, running):
+        """The tool sees with the eyes of the server's login, also when it has a better one."""
+        if engine.chosen() == engine.SQLITE:
+            pytest.skip("SQLite has no rights")
+        running.db.run("revoke select on keyinfo from zelvan_daemon")
+        assert "error statement 3, for every request" in told(steps(Tool.beside(running), FAILED)["database"])
+
+    def test_the_servers_login_is_enough(self, running):
+        tool = Tool.beside(running)
+        tool.login = []
+        assert steps(tool)["database"]["findings"] == []
+
+    @ONLY_SQLITE
     def test_a_journal_that_blocks(self, prepare):
         daemon = prepare()
         daemon.odbc_ini.write_text(daemon.odbc_ini.read_text().replace("JournalMode=WAL", "JournalMode=DELETE"))
         daemon.db.run("pragma journal_mode=delete")
         assert "JournalMode=WAL" in told(steps(Tool.beside(daemon), FAILED)["journal"])
 
+    @ONLY_SQLITE
     def test_a_low_threading_level(self, prepare, tmp_path):
         daemon = prepare()
         system = tmp_path / "odbcinst"
@@ -145,6 +161,7 @@ def described(tmp_path_factory):
     return nouns_and_verbs(tool)
 
 
+@ONLY_SQLITE
 def test_the_man_page_names_every_command_and_option(described):
     common, commands = described
     page = (SOURCES / "packaging" / "man" / "zelvanctl.1").read_text().replace("\\-", "-")
@@ -155,6 +172,7 @@ def test_the_man_page_names_every_command_and_option(described):
             assert option in page, (words, option)
 
 
+@ONLY_SQLITE
 @pytest.mark.skipif(shutil.which("groff") is None, reason="needs groff")
 def test_the_man_page_is_formatted_without_warnings():
     done = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z", SOURCES / "packaging" / "man" / "zelvanctl.1"],
@@ -175,6 +193,7 @@ printf '%s\\n' "${{COMPREPLY[@]}}"
     return set(done.stdout.split())
 
 
+@ONLY_SQLITE
 def test_the_completion_offers_every_command_and_option(described):
     common, commands = described
     nouns = {words[0] for words in commands}
@@ -186,6 +205,7 @@ def test_the_completion_offers_every_command_and_option(described):
             assert completions(*words, "--") == options | common | {"--help"}, words
 
 
+@ONLY_SQLITE
 def test_the_completion_goes_on_from_what_is_typed():
     assert completions("us") == {"user"}
     assert completions("user", "un") == {"unlock"}

@@ -129,8 +129,7 @@ class TestFiles:
         assert db.everything() == before and KEY not in done.stderr
 
     def test_a_refusal_in_the_middle_takes_everything_back(self, db, tool, tmp_path):
-        db.run("create trigger no_m3 before insert on keyinfo when new.serialnum = 'M-3' "
-               "begin select raise(abort, 'no'); end")
+        db.refuse_inserts("keyinfo", "serialnum", "M-3")
         before = db.everything()
         path = self.write(tmp_path, TITLES + "".join(f"M-{number},{KEY},event,,,,,,m{number},,\n" for number in range(6)))
         assert "line 5" in tool.run("token", "import", path, code=FAILED).stderr

@@ -33,7 +33,7 @@ class TestAdding:
 
     def test_no_secret_is_shown_unless_wanted(self, db, tool):
         done = tool.run("user", "add", "add2", "--pin-value", "s3cret-pin")
-        key = db.run("select userkey from keyinfo, userinfo using (serialnum) where username = 'add2'")[0][0]
+        key = db.run("select userkey from keyinfo join userinfo using (serialnum) where username = 'add2'")[0][0]
         for arguments in (["user", "show", "add2"], ["user", "list"], ["token", "show", "add2"], ["token", "export"],
                           ["token", "list"]):
             for form in ([], ["--json"]):
@@ -51,8 +51,7 @@ class TestAdding:
 
     def test_a_refused_user_leaves_no_token(self, db, tool):
         """The token is added first; the user row is then refused by the database."""
-        db.run("create trigger no_add4 before insert on userinfo when new.username = 'add4' "
-               "begin select raise(abort, 'no'); end")
+        db.refuse_inserts("userinfo", "username", "add4")
         tool.run("user", "add", "add4", "--serial", "ADD-4", code=1)
         assert db.run("select * from keyinfo where serialnum = 'ADD-4'") == []
 
@@ -67,13 +66,39 @@ class TestAdding:
         tool.run("user", "add", *arguments, code=USAGE)
         assert db.everything() == before
 
-    @pytest.mark.parametrize("name", ["O'Neil", "back\\slash", "Zoë", "a b", "x" * 19, "'; drop table x"])
+    @pytest.mark.parametrize("name", ["O'Neil", "back\\slash", "end\\", "\\' or 1=1 --", "Zoë", "a b", "x" * 19, "é" * 9 + "x",
+                                      "日本語", "'; drop table x"])
     def test_unusual_names_work(self, db, client, tool, name):
         tool.run("user", "add", "--type", "event", "--", name)
         assert db.run("select count(*) from userinfo where username = ?", name)[0][0] == 1
         assert client.pap(name, oathtool("-c0", key=tool.key(name))).code == ACCEPT
         assert tool.json("user", "show", name)["user"] == name
         tool.run("user", "remove", "--yes", name)
+
+    def test_every_text_may_hold_quotes_and_backslashes(self, db, client, tool):
+        name, serial, mail, pin = "q'\"\\`", "S'\\\"?", "o'\\né@example.com", "p'\\\"?{}é"
+        tool.run("user", "add", name, "--serial", serial, "--mail", mail, "--pin-value", pin, "--type", "event")
+        assert db.run("select username, serialnum, user_email, pin from userinfo where username = ?", name) == [
+            (name, serial, mail, pin)]
+        shown = tool.json("user", "show", name, "--show-secrets")
+        assert (shown["serial"], shown["mail"], shown["pin"]) == (serial, mail, pin)
+        assert client.pap(name, oathtool("-c0", key=tool.key(name)) + pin).code == ACCEPT
+        tool.run("user", "set", name, "--mail", "", "--pin-value", "\\")
+        assert db.run("select user_email, pin from userinfo where username = ?", name) == [(None, "\\")]
+        tool.run("user", "lock", name)
+        tool.run("token", "replace", name, "--serial", serial + "2", "--yes")
+        tool.run("user", "remove", name, "--yes")
+        assert db.run("select * from keyinfo where serialnum in (?, ?)", serial, serial + "2") == []
+
+    def test_texts_of_the_greatest_length(self, db, client, tool):
+        """Limits count bytes, and every engine takes as many."""
+        texts = "é" * 9 + "n", "é" * 14, "é" * 20 + "@example.com" + "xyz", "é" * 9
+        assert [len(text.encode()) for text in texts] == [19, 28, 55, 18]
+        name, serial, mail, pin = texts
+        tool.run("user", "add", name, "--serial", serial, "--mail", mail, "--pin-value", pin, "--type", "event")
+        assert db.run("select username, serialnum, user_email, pin from userinfo where username = ?", name) == [texts]
+        assert client.pap(name, oathtool("-c0", key=tool.key(name)) + pin).code == ACCEPT
+        tool.run("user", "remove", name, "--yes")
 
     def test_a_spare_token_is_taken(self, db, tool):
         tool.run("token", "new", "--serial", "SPARE-1")
@@ -100,7 +125,7 @@ class TestPins:
 
     def test_an_interrupt_at_the_prompt_turns_the_echo_on_again(self, db, tool):
         keyboard, terminal = pty.openpty()
-        process = subprocess.Popen([str(tool.executable), "user", "add", "pin6", "--pin"], env=tool.environment,
+        process = subprocess.Popen(tool.command("user", "add", "pin6", "--pin"), env=tool.environment,
                                    stdin=terminal, stdout=terminal, stderr=terminal)
         wait_until(lambda: not termios.tcgetattr(terminal)[3] & termios.ECHO, "the prompt without echo")
         process.send_signal(signal.SIGINT)
@@ -221,7 +246,7 @@ class TestManyAtOnce:
         for process in running:
             process.communicate()
         assert codes == [0] + [REFUSED] * 5
-        assert db.run("select count(*) from userinfo, keyinfo using (serialnum) where username = 'race'")[0][0] == 1
+        assert db.run("select count(*) from userinfo join keyinfo using (serialnum) where username = 'race'")[0][0] == 1
         orphans = db.run("select k.serialnum from keyinfo k left join userinfo u using (serialnum) "
                          "where u.username is null and k.serialnum like 'Z%'")
         assert orphans == []
@@ -230,4 +255,4 @@ class TestManyAtOnce:
         running = [tool.start("user", "add", f"many{number}") for number in range(8)]
         for process in running:
             assert process.communicate() and process.returncode == 0
-        assert db.run("select count(*) from userinfo, keyinfo using (serialnum) where username like 'many%'")[0][0] == 8
+        assert db.run("select count(*) from userinfo join keyinfo using (serialnum) where username like 'many%'")[0][0] == 8

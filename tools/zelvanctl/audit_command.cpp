@@ -14,6 +14,7 @@
 #include "base/clock.h"
 #include "base/sleep.h"
 #include "zelvanctl/audit_text.h"
+#include "zelvanctl/catalogue.h"
 #include "zelvanctl/server_process.h"
 #include "zelvanctl/utc_time.h"
 
@@ -113,12 +114,15 @@ class LogSource : public Source {
 class TableSource : public Source {
  public:
   TableSource(Database& database, const Engine& engine, std::optional<std::time_t> since)
-      : database_(database), engine_(engine), last_(since ? time_text(*since) : "0001-01-01 00:00:00") {}
+      : database_(database),
+        engine_(engine),
+        order_(row_order(database, engine)),
+        last_(since ? time_text(*since) : "0001-01-01 00:00:00") {}
 
   void read(const Sink& sink) override {
     const auto rows = database_.query(
-        fmt::format("select {}, operator, remark, remoteip from commonloginfo where optime >= {} order by optime",
-                    date_text(engine_, "optime"), engine_.date_value),
+        fmt::format("select {}, operator, remark, remoteip from commonloginfo where optime >= {} order by optime{}",
+                    date_text(engine_, "optime"), engine_.date_value, order_),
         {last_});
     // Rows of the last second seen come again.
     std::size_t skip = shown_;
@@ -135,8 +139,18 @@ class TableSource : public Source {
   }
 
  private:
+  // The rest of "order by optime": what numbers the rows of one second, if anything does.
+  static std::string row_order(Database& database, const Engine& engine) {
+    if (engine.name == "sqlite") return ", rowid";
+    for (const ColumnDescription& column : table_columns(database, engine, "commonloginfo")) {
+      if (column.name == "id") return ", id";
+    }
+    return {};
+  }
+
   Database& database_;
   const Engine& engine_;
+  std::string order_;
   std::string last_;       // time of the last row shown
   std::size_t shown_ = 0;  // rows of that time shown
 };

@@ -3,9 +3,32 @@
 #include <fmt/core.h>
 #include <unistd.h>
 
+#include <fstream>
+
 #include "zelvanctl/terminal.h"
 
 namespace zelvan::ctl {
+namespace {
+
+// The first line of a file; a login that needs no password has an empty one.
+Secret first_line_of(const std::string& name) {
+  std::ifstream file(name);
+  std::string line;
+  if (!std::getline(file, line) && !file.eof()) {
+    throw Failure(kUsage, fmt::format("cannot read the password file {}", name));
+  }
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  Secret password(line);
+  explicit_bzero(line.data(), line.size());
+  return password;
+}
+
+Secret read_login_password(const Context& context) {
+  if (!context.password_file.empty()) return first_line_of(context.password_file);
+  return read_secret_once("Password of " + printable(context.login) + " at the database").value_or(Secret{});
+}
+
+}  // namespace
 
 const SettingsFile& Context::settings() {
   if (!settings_) {
@@ -16,12 +39,23 @@ const SettingsFile& Context::settings() {
 }
 
 Database& Context::database() {
+  if (login.empty()) return server_database();
   if (!database_) {
-    DatabaseLogin login;
-    settings().database_login(login);
-    database_ = std::make_unique<Database>(login.dsn.data(), login.uid.data(), login.pwd.data());
+    DatabaseLogin server;
+    settings().database_login(server);
+    const Secret password = read_login_password(*this);
+    database_ = std::make_unique<Database>(server.dsn.data(), login.c_str(), password.reveal().c_str());
   }
   return *database_;
+}
+
+Database& Context::server_database() {
+  if (!server_database_) {
+    DatabaseLogin server;
+    settings().database_login(server);
+    server_database_ = std::make_unique<Database>(server.dsn.data(), server.uid.data(), server.pwd.data());
+  }
+  return *server_database_;
 }
 
 const Engine& Context::engine() { return engine_of(database().dbms_name()); }

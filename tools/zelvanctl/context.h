@@ -21,6 +21,8 @@ class Context {
   std::string settings_path;  // --config; empty: beside the executable
   bool assume_yes = false;    // --yes
   bool show_secrets = false;  // --show-secrets
+  std::string login;          // --login; empty: that of the settings file
+  std::string password_file;  // --password-file; empty: ask, or read standard input
 
   // Set by a command that has shown its result and still does not end well.
   ExitCode exit_code = kOk;
@@ -28,7 +30,10 @@ class Context {
   Output out;
 
   const SettingsFile& settings();
+  // The data source with the login of the command line, else with that of the settings file.
   Database& database();
+  // The data source with the login of the settings file, which is the server's.
+  Database& server_database();
   const Engine& engine();
   Records& records();
   Rules rules();
@@ -45,7 +50,8 @@ class Context {
 
  private:
   std::unique_ptr<SettingsFile> settings_;
-  std::unique_ptr<Database> database_;
+  std::unique_ptr<Database> database_;  // null while it is the server's
+  std::unique_ptr<Database> server_database_;
   std::unique_ptr<Records> records_;
 };
 

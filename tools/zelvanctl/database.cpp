@@ -16,6 +16,10 @@ bool succeeded(SQLRETURN result) { return result == SQL_SUCCESS || result == SQL
 SQLCHAR* odbc_text(const char* text) { return const_cast<SQLCHAR*>(reinterpret_cast<const SQLCHAR*>(text)); }
 SQLCHAR* odbc_text(const std::string& text) { return odbc_text(text.c_str()); }
 
+// A name for a catalogue function, which takes a null pointer for any.
+SQLCHAR* name_or_null(const std::string& name) { return name.empty() ? nullptr : odbc_text(name); }
+SQLSMALLINT name_length(const std::string& name) { return static_cast<SQLSMALLINT>(name.size()); }
+
 // The first diagnostic record of a handle as an exception.
 DatabaseError diagnosis(SQLSMALLINT kind, SQLHANDLE handle, const std::string& what, ExitCode code) {
   std::array<SQLCHAR, 6> state{};
@@ -79,6 +83,12 @@ class Statement {
     explicit_bzero(text.data(), text.size());
     explicit_bzero(part.data(), part.size());
     return cell;
+  }
+
+  // The column as text; empty for NULL.
+  std::string text(SQLUSMALLINT number) {
+    const auto cell = column(number);
+    return cell ? cell->reveal() : "";
   }
 
   [[nodiscard]] SQLUSMALLINT column_count() const {
@@ -165,6 +175,11 @@ bool DatabaseError::duplicate() const {
   return state_ == "23505" || text.find("UNIQUE constraint") != text.npos || text.find("Duplicate entry") != text.npos;
 }
 
+bool DatabaseError::forbidden() const {
+  const std::string_view text = what();
+  return state_ == "42501" || (state_ == "42000" && text.find(" denied ") != text.npos);
+}
+
 std::optional<std::string> Row::text(std::size_t column) const {
   const auto& cell = cells_.at(column);
   if (!cell) return {};
@@ -228,33 +243,28 @@ std::int64_t Database::execute(const std::string& sql, const Parameters& paramet
   return statement.changed_rows();
 }
 
-std::vector<ColumnDescription> Database::columns(const std::string& table) {
+std::vector<ColumnDescription> Database::columns(const std::string& table, const std::string& schema) {
   Statement statement(connection_);
-  try {
-    statement.run("select * from " + table + " where 1 = 0", {});
-  } catch (const DatabaseError&) {
-    return {};
+  if (!succeeded(SQLColumns(statement.handle(), nullptr, 0, name_or_null(schema), name_length(schema), odbc_text(table),
+                            name_length(table), nullptr, 0))) {
+    throw statement.failure("cannot list the columns of " + table);
   }
+  // Columns of SQLColumns: 4 name, 5 type, 7 size.
   std::vector<ColumnDescription> columns;
-  for (SQLUSMALLINT number = 1; number <= statement.column_count(); ++number) {
-    std::array<char, 256> name{};
-    SQLSMALLINT length = 0;
-    SQLSMALLINT type = 0;
-    SQLSMALLINT digits = 0;
-    SQLSMALLINT nullable = 0;
-    SQLULEN size = 0;
-    const SQLRETURN result = SQLDescribeCol(statement.handle(), number, odbc_text(name.data()), name.size(), &length,
-                                            &type, &size, &digits, &nullable);
-    if (!succeeded(result)) throw statement.failure("cannot describe " + table);
-    columns.push_back({name.data(), kind_of(type), size});
+  while (statement.fetch()) {
+    const std::string name = statement.text(4);
+    const std::string type = statement.text(5);
+    const std::string size = statement.text(7);
+    columns.push_back({name, kind_of(static_cast<SQLSMALLINT>(std::strtol(type.c_str(), nullptr, 10))),
+                       std::strtoull(size.c_str(), nullptr, 10)});
   }
   return columns;
 }
 
-std::vector<std::vector<std::string>> Database::unique_indexes(const std::string& table) {
+std::vector<std::vector<std::string>> Database::unique_indexes(const std::string& table, const std::string& schema) {
   Statement statement(connection_);
-  if (!succeeded(SQLStatistics(statement.handle(), nullptr, 0, nullptr, 0, odbc_text(table),
-                               static_cast<SQLSMALLINT>(table.size()), SQL_INDEX_UNIQUE, SQL_QUICK))) {
+  if (!succeeded(SQLStatistics(statement.handle(), nullptr, 0, name_or_null(schema), name_length(schema),
+                               odbc_text(table), name_length(table), SQL_INDEX_UNIQUE, SQL_QUICK))) {
     throw statement.failure("cannot list the indexes of " + table);
   }
   // Columns of SQLStatistics: 4 non-unique, 6 index name, 7 kind, 9 column name.

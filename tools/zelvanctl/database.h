@@ -30,6 +30,9 @@ class DatabaseError : public Failure {
   // True when a row with that key exists already.
   [[nodiscard]] bool duplicate() const;
 
+  // True when the login has no right to do it.
+  [[nodiscard]] bool forbidden() const;
+
  private:
   std::string state_;
 };
@@ -98,11 +101,13 @@ class Database {
   // Runs a statement; returns the number of rows that it changed.  Throws DatabaseError.
   std::int64_t execute(const std::string& sql, const Parameters& parameters = {});
 
-  // Returns the columns of a table; none when there is no such table.
-  std::vector<ColumnDescription> columns(const std::string& table);
+  // Returns the columns of a table as the catalogue tells them, also those that a "select *" leaves out and those that
+  // this login may not read; none when there is no such table.
+  //   schema  where the table is; empty: there is one place only
+  std::vector<ColumnDescription> columns(const std::string& table, const std::string& schema = {});
 
   // Returns the groups of columns that the database keeps unique, as its catalogue tells.
-  std::vector<std::vector<std::string>> unique_indexes(const std::string& table);
+  std::vector<std::vector<std::string>> unique_indexes(const std::string& table, const std::string& schema = {});
 
  private:
   friend class Transaction;

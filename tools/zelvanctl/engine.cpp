@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::array kEngines{
     Engine{"sqlite", "SQLite", "sqlite", "?", "", ""},
-    Engine{"postgresql", "PostgreSQL", "postgresql", "cast(? as timestamp)", "to_char(", ", 'YYYY-MM-DD HH24:MI:SS')"},
+    Engine{"postgresql", "PostgreSQL", "postgresql", "cast(? as timestamp)", "left(cast(", " as text), 19)"},
     Engine{"mariadb", "MariaDB", "mariadb", "?", "date_format(", ", '%Y-%m-%d %H:%i:%s')"},
     Engine{"mariadb", "MySQL", "mysql", "?", "date_format(", ", '%Y-%m-%d %H:%i:%s')"},
     Engine{"", "unknown", "", "?", "", ""},

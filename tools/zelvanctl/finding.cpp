@@ -4,6 +4,14 @@
 
 namespace zelvan::ctl {
 
+void error(Findings& findings, std::string where, std::string text) {
+  findings.push_back({Finding::Level::error, std::move(where), std::move(text)});
+}
+
+void warning(Findings& findings, std::string where, std::string text) {
+  findings.push_back({Finding::Level::warning, std::move(where), std::move(text)});
+}
+
 std::string level_word(Finding::Level level) { return level == Finding::Level::error ? "error" : "warning"; }
 
 bool has_errors(const Findings& findings) {

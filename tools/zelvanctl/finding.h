@@ -17,6 +17,10 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
+// Add a finding.
+void error(Findings& findings, std::string where, std::string text);
+void warning(Findings& findings, std::string where, std::string text);
+
 // Returns "error" or "warning".
 std::string level_word(Finding::Level level);
 

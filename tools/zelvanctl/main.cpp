@@ -26,6 +26,14 @@ void add_common_options(CLI::App& program, Context& context) {
       ->type_name("FILE");
   program.add_flag_callback(
       "--json", [&context] { context.out.set_json(true); }, "Write JSON for scripts instead of text for people");
+  CLI::Option* login = program.add_option("--login", context.login,
+                                          "Log in to the database as NAME, not as the server does; the password is "
+                                          "asked for, or is the first line of standard input");
+  login->type_name("NAME");
+  program
+      .add_option("--password-file", context.password_file, "Take the password of --login from the file's first line")
+      ->type_name("FILE")
+      ->needs(login);
   program.add_flag("-y,--yes", context.assume_yes, "Do not ask before something is destroyed");
   program.add_flag("--show-secrets", context.show_secrets, "Show keys and PINs; without it no secret is written");
 }
@@ -87,6 +95,13 @@ int main(int argc, char** argv) {
   Context context;
   try {
     return run(argc, argv, context);
+  } catch (const DatabaseError& error) {
+    const bool helpless = error.forbidden() && context.login.empty();
+    context.out.failure(
+        std::string(error.what()) +
+            (helpless ? "; the server's login may not do this: name an administrator's with --login NAME" : ""),
+        error.code());
+    return error.code();
   } catch (const Failure& failure) {
     context.out.failure(failure.what(), failure.code());
     return failure.code();

@@ -1,7 +1,6 @@
 #include "zelvanctl/schema_check.h"
 
 #include <fmt/core.h>
-#include <odbcinst.h>
 
 #include <algorithm>
 #include <array>
@@ -11,6 +10,8 @@
 #include "db/current_date.h"
 #include "db/statements.h"
 #include "db/time_text.h"
+#include "zelvanctl/catalogue.h"
+#include "zelvanctl/data_source_check.h"
 #include "zelvanctl/fields.h"
 #include "zelvanctl/row_check.h"
 
@@ -56,14 +57,6 @@ constexpr std::array kColumns{
     ExpectedColumn{"commonloginfo", "remoteip", Kind::text, 15, false},
 };
 
-void error(Findings& findings, std::string where, std::string text) {
-  findings.push_back({Finding::Level::error, std::move(where), std::move(text)});
-}
-
-void warning(Findings& findings, std::string where, std::string text) {
-  findings.push_back({Finding::Level::warning, std::move(where), std::move(text)});
-}
-
 bool same_name(std::string_view left, std::string_view right) {
   return std::ranges::equal(left, right,
                             [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
@@ -89,12 +82,13 @@ void check_kind(const ExpectedColumn& expected, const ColumnDescription& found, 
 }
 
 // Returns true when every table has every column.
-bool check_columns(Database& database, Findings& findings) {
+bool check_columns(Database& database, const Engine& engine, Findings& findings) {
   bool complete = true;
   for (const char* table : kTables) {
-    const auto columns = database.columns(table);
+    const auto columns = table_columns(database, engine, table);
     if (columns.empty()) {
-      error(findings, table, "the table is missing or cannot be read; zelvanctl db init creates it");
+      error(findings, table,
+            "the table is missing, or this login has no right on it; zelvanctl db init creates what is missing");
       complete = false;
       continue;
     }
@@ -113,10 +107,10 @@ bool check_columns(Database& database, Findings& findings) {
   return complete;
 }
 
-void check_unique(Database& database, Findings& findings) {
+void check_unique(Database& database, const Engine& engine, Findings& findings) {
   for (const ExpectedColumn& expected : kColumns) {
     if (!expected.unique) continue;
-    const auto indexes = database.unique_indexes(expected.table);
+    const auto indexes = unique_columns(database, engine, expected.table);
     const bool kept = std::ranges::any_of(
         indexes, [&](const auto& columns) { return columns.size() == 1 && same_name(columns.front(), expected.name); });
     const std::string where = fmt::format("{}.{}", expected.table, expected.name);
@@ -140,6 +134,7 @@ void check_unique(Database& database, Findings& findings) {
 struct Trial {
   Statement statement;
   const char* needed_for;
+  Finding::Level level = Finding::Level::error;
 };
 
 constexpr std::array kTrials{
@@ -151,6 +146,8 @@ constexpr std::array kTrials{
     Trial{Statement::unlock_user, "lifting a lock"},
     Trial{Statement::touch_user, "attempts on a locked account"},
     Trial{Statement::audit_success, "the audit trail (otp_logmode other than 1)"},
+    Trial{Statement::audit_update_failed_short, "the note that a failure was not counted (otp_logmode other than 1)",
+          Finding::Level::warning},
 };
 
 // The values with which a statement is tried: no user and no token has these names.
@@ -177,34 +174,69 @@ bool build_trial(SqlText& sql, Statement statement) {
   }
 }
 
-void try_statement(Database& database, const std::string& sql, const std::string& where, Finding::Level level,
+// Returns whether the database took the statement.
+bool try_statement(Database& database, const std::string& sql, const std::string& where, Finding::Level level,
                    Findings& findings) {
   const Transaction taken_back(database);
   try {
     (void)database.query(sql);
+    return true;
   } catch (const DatabaseError& refusal) {
     findings.push_back({level, where, refusal.what()});
+    return false;
   }
 }
 
-void check_server_statements(Context& context, Findings& findings) {
+// Returns false when the server can read no user or no token.
+bool check_server_statements(Context& context, Database& database, const Engine& engine, Findings& findings) {
   ng_dbtype = context.settings().number("otp_dbtype");
+  bool readable = true;
   for (const Trial& trial : kTrials) {
+    // SQLite takes no short row; the schema tells.
+    if (trial.statement == Statement::audit_update_failed_short && engine.name == "sqlite") continue;
     SqlText sql{};
     if (!build_trial(sql, trial.statement)) continue;
-    try_statement(context.database(), sql.data(),
-                  fmt::format("statement {}, for {}", static_cast<int>(trial.statement), trial.needed_for),
-                  Finding::Level::error, findings);
+    const bool done = try_statement(
+        database, sql.data(), fmt::format("statement {}, for {}", static_cast<int>(trial.statement), trial.needed_for),
+        trial.level, findings);
+    if (trial.statement == Statement::select_user || trial.statement == Statement::select_token) {
+      readable = readable && done;
+    }
   }
+  return readable;
 }
 
-// What only this tool does.
+// PostgreSQL's own to_date takes the function dialect's statements and loses the time of day.
+void check_function_dialect(Context& context, Database& database, const Engine& engine, Findings& findings) {
+  constexpr int kFunctionDialect = 4;
+  if (engine.name != "postgresql" || context.settings().number("otp_dbtype") != kFunctionDialect) return;
+  const auto rows =
+      database.query("select to_char(to_date('2026-01-02 03:04:05', 'yyyy-mm-dd hh24:mi:ss'), 'hh24:mi:ss')");
+  if (rows.front().text(0) == "03:04:05") return;
+  error(findings, "otp_dbtype",
+        "is 4, and to_date loses the time of day: locks and challenges seem to date from midnight; set it to 1, or run "
+        "sql/dialect4.postgresql.sql");
+}
+
+// What only this tool does: with the login of the command line, or where there are no logins.
 void check_own_rights(Database& database, Findings& findings) {
   for (const char* table : {"userinfo", "keyinfo"}) {
     try_statement(database, fmt::format("delete from {} where 1 = 0", table), fmt::format("{}: removing rows", table),
                   Finding::Level::warning, findings);
     try_statement(database, fmt::format("insert into {0} select * from {0} where 1 = 0", table),
                   fmt::format("{}: adding rows", table), Finding::Level::warning, findings);
+  }
+}
+
+// What the server's login should not be able to do.
+void check_server_restraint(Database& database, Findings& findings) {
+  for (const char* table : {"userinfo", "keyinfo"}) {
+    Findings refusals;
+    const std::string sql = fmt::format("delete from {} where 1 = 0", table);
+    if (!try_statement(database, sql, table, Finding::Level::warning, refusals)) continue;
+    warning(findings, table,
+            "the server's login may remove rows, which the server never does; give it the role zelvan_daemon only, and "
+            "this tool a login of its own with --login");
   }
 }
 
@@ -238,50 +270,52 @@ void check_rows(Records& records, Findings& findings) {
   check_users(records.users(), by_serial, findings);
 }
 
-// ---- the data source
-
-std::string profile(const char* section, const char* key, const char* file) {
-  std::array<char, 256> value{};
-  (void)SQLGetPrivateProfileString(section, key, "", value.data(), static_cast<int>(value.size()), file);
-  return value.data();
-}
-
-void check_data_source(Context& context, Findings& findings) {
-  if (context.engine().name != "sqlite") return;
-  DatabaseLogin login;
-  context.settings().database_login(login);
-  const std::string where = fmt::format("data source {}", login.dsn.data());
-  if (profile(login.dsn.data(), "Timeout", "odbc.ini").empty()) {
-    warning(findings, where,
-            "has no Timeout: while another process writes, statements fail with \"database is locked\"");
-  }
-  const std::string driver = profile(login.dsn.data(), "Driver", "odbc.ini");
-  const std::string level = profile(driver.c_str(), "Threading", "odbcinst.ini");
-  if (level == "0" || level == "1") {
-    error(
-        findings, fmt::format("driver {}", driver),
-        fmt::format("Threading={} in odbcinst.ini: the server's threads share one connection and would crash", level));
+// The server's connection.  With a login on the command line there is something to look at also without it; then its
+// absence is a finding.
+Database* open_server_database(Context& context, Findings& findings) {
+  try {
+    return &context.server_database();
+  } catch (const DatabaseError& refusal) {
+    if (context.login.empty()) throw;
+    error(findings, "login of the server", refusal.what());
+    return nullptr;
   }
 }
 
 }  // namespace
 
-std::vector<std::string> existing_tables(Database& database) {
+std::vector<std::string> existing_tables(Database& database, const Engine& engine) {
   std::vector<std::string> tables;
   for (const char* table : kTables) {
-    if (!database.columns(table).empty()) tables.emplace_back(table);
+    if (!table_columns(database, engine, table).empty()) tables.emplace_back(table);
   }
   return tables;
 }
 
-std::vector<Finding> check_schema(Context& context) {
+bool server_may_work(Context& context) {
+  Findings findings;
+  try {
+    (void)check_server_statements(context, context.server_database(), context.engine(), findings);
+    return findings.empty();
+  } catch (const DatabaseError&) {
+    return false;
+  }
+}
+
+Findings check_schema(Context& context) {
   Findings findings;
   Database& database = context.database();
-  check_data_source(context, findings);
-  if (!check_columns(database, findings)) return findings;
-  check_unique(database, findings);
-  check_server_statements(context, findings);
-  check_own_rights(database, findings);
+  const Engine& engine = context.engine();
+  DatabaseLogin login;
+  context.settings().database_login(login);
+  Database* const server = open_server_database(context, findings);
+  if (server != nullptr) check_data_source_of(*server, engine, login.dsn.data(), findings);
+  if (!check_columns(database, engine, findings) || server == nullptr) return findings;
+  if (!check_server_statements(context, *server, engine, findings)) return findings;
+  check_function_dialect(context, *server, engine, findings);
+  check_unique(database, engine, findings);
+  if (engine.name != "sqlite") check_server_restraint(*server, findings);
+  if (engine.name == "sqlite" || !context.login.empty()) check_own_rights(database, findings);
   check_rows(context.records(), findings);
   return findings;
 }

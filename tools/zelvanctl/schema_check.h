@@ -9,11 +9,15 @@
 
 namespace zelvan::ctl {
 
-// Looks at tables, columns, types, unique indexes, rights, the server's own statements, the data source and every row.
-// Whatever is tried is taken back.
-std::vector<Finding> check_schema(Context& context);
+// Looks at the data source, tables, columns, types, unique indexes, the server's own statements and its rights, and
+// every row, all with the server's login; and at the rights of the command line's login.  Whatever is tried is taken
+// back.
+Findings check_schema(Context& context);
+
+// Returns whether the login of the settings file gets in and may do what the server does.
+bool server_may_work(Context& context);
 
 // Returns the tables of the server that exist.
-std::vector<std::string> existing_tables(Database& database);
+std::vector<std::string> existing_tables(Database& database, const Engine& engine);
 
 }  // namespace zelvan::ctl

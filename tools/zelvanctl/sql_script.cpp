@@ -34,13 +34,24 @@ class Splitter {
     } else if (is_word(c)) {
       take_word();
     } else {
-      if (c == ';' && !inside_trigger_body()) {
-        finish_statement();
-      } else {
-        current_ += c;
-      }
-      rest_.remove_prefix(1);
+      take_sign();
     }
+  }
+
+  void take_sign() {
+    const bool ends = rest_.starts_with(end_) && !inside_trigger_body();
+    if (ends) finish_statement();
+    if (!ends) current_ += rest_.front();
+    rest_.remove_prefix(ends ? end_.size() : 1);
+  }
+
+  // "delimiter X", a command of MariaDB's shell: X ends the statements from the next line on.
+  void take_delimiter() {
+    const std::string_view line = rest_.substr(0, rest_.find('\n'));
+    rest_.remove_prefix(line.size());
+    const auto first = line.find_first_not_of(" \t\r");
+    if (first != line.npos) end_ = line.substr(first, line.find_last_not_of(" \t\r") + 1 - first);
+    current_.clear();
   }
 
   // Throws away everything up to `end`, and `more` characters of it.
@@ -68,14 +79,17 @@ class Splitter {
     const auto end = std::ranges::find_if_not(rest_, is_word);
     std::string word(rest_.begin(), end);
     rest_.remove_prefix(word.size());
+    const bool first = current_.find_first_not_of(" \t\r\n") == current_.npos;
     current_ += word;
     std::ranges::transform(word, word.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (first && word == "delimiter") return take_delimiter();
     if (word == "trigger") trigger_ = true;
     if (word == "begin" || word == "case") ++depth_;
     if (word == "end" && depth_ > 0) --depth_;
   }
 
-  [[nodiscard]] bool inside_trigger_body() const { return trigger_ && depth_ > 0; }
+  // Another end than ";" is chosen so that a body needs no counting.
+  [[nodiscard]] bool inside_trigger_body() const { return end_ == ";" && trigger_ && depth_ > 0; }
 
   void finish_statement() {
     const auto first = current_.find_first_not_of(" \t\r\n");
@@ -88,6 +102,7 @@ class Splitter {
   }
 
   std::string_view rest_;
+  std::string_view end_ = ";";  // what ends a statement
   std::string current_;
   std::vector<std::string> statements_;
   bool trigger_ = false;  // the current statement creates a trigger

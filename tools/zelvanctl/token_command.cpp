@@ -9,6 +9,7 @@
 #include "base/clock.h"
 #include "zelvanctl/enrolment.h"
 #include "zelvanctl/fields.h"
+#include "zelvanctl/guard.h"
 #include "zelvanctl/otpauth.h"
 #include "zelvanctl/resync.h"
 #include "zelvanctl/row_check.h"
@@ -264,6 +265,17 @@ std::uint64_t search(const Token& token, const ResyncOptions& options, std::time
                             printable(token.serial), options.backward ? "" : " or --backward"));
 }
 
+bool move(Context& context, const Token& token, std::uint64_t counter, std::time_t now) {
+  try {
+    return context.records().move_token(token, counter, now);
+  } catch (const DatabaseError& error) {
+    if (!refused_by_guard(error)) throw;
+    throw Failure(kRefused, fmt::format("the guard for several servers refuses to set token {} back; give the user "
+                                        "another one: zelvanctl token replace",
+                                        printable(token.serial)));
+  }
+}
+
 void resync(Context& context, ResyncOptions& options) {
   if (options.window > kWidestWindow) throw Failure(kUsage, fmt::format("--window is at most {}", kWidestWindow));
   // With --serial the first word is a code, not a user.
@@ -284,7 +296,7 @@ void resync(Context& context, ResyncOptions& options) {
   const std::time_t now = now_seconds();
   const std::uint64_t before = token.counter();
   const std::uint64_t after = search(token, options, now) + 2;
-  if (!context.records().move_token(token, after, now)) {
+  if (!move(context, token, after, now)) {
     throw Failure(kRefused, "the token was used at this very moment; nothing changed, try again");
   }
   context.out.result(

@@ -93,6 +93,7 @@ void store(Context& context, const TokenImport& import) {
 }
 
 void import_tokens(Context& context, ImportOptions& options) {
+  (void)context.database();  // its password, if it is asked for, is the first line of standard input
   const Secret text = read_file(options.file);
   TokenImport import = parse_tokens(text.reveal(), now_seconds());
   find_conflicts(context.records(), import);

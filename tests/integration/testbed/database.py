@@ -20,9 +20,6 @@ create table commonloginfo (optime {text}, operator {text}, loglev {integer}, op
   remoteip {text} {more});
 """
 
-SQLITE_SCHEMA = servers.SQL / "schema.sqlite.sql"
-SQLITE_LOOSE_SCHEMA = LOOSE_SCHEMA.format(text="text", integer="integer", more="")
-
 EVENT, TIMED, CHALLENGE = 1, 2, 3
 KEY = "12345678901234567890"  # RFC 4226 appendix D
 AUDIT_COLUMNS = "optime, operator, loglev, optype, remark, remoteip"
@@ -152,14 +149,14 @@ class Database:
 class Sqlite(Database):
     ORDER = "rowid"
 
-    def __init__(self, folder, loose=False):
+    def __init__(self, folder, loose=False, empty=False):
         self.path = folder / "zelvan.db"
         self.connection = sqlite3.connect(self.path, timeout=30, isolation_level=None)
         self.connection.execute("pragma journal_mode = wal")
         self.connection.execute("pragma synchronous = normal")
         if loose:
-            self.connection.executescript(SQLITE_LOOSE_SCHEMA)
-        else:
+            self.connection.executescript(LOOSE_SCHEMA.format(text="text", integer="integer", more=""))
+        elif not empty:
             self.install("schema")
 
     def install(self, name):
@@ -182,6 +179,16 @@ class Sqlite(Database):
 
     def refuse_updates(self, table):
         self.run(f"create trigger refuse before update on {table} begin select raise(abort, 'no'); end")
+
+    def refuse_inserts(self, table, column=None, value=None):
+        """No row is added any more, or none with the value."""
+        when = f"when new.{column} = '{value}'" if column else ""
+        self.run(f"create trigger refuse_insert before insert on {table} {when} begin select raise(abort, 'not allowed'); end")
+
+    def columns(self, table):
+        """What the catalogue says about a table's columns."""
+        return [tuple(row) for row in self.run("select name, type, \"notnull\", dflt_value, pk from pragma_table_info(?)",
+                                               table)]
 
 
 class ServerDatabase(Database):
@@ -233,10 +240,11 @@ class ServerDatabase(Database):
 class Postgresql(ServerDatabase):
     MAINTENANCE, FORCE = "postgres", " with (force)"
 
-    def __init__(self, server, loose=False):
+    def __init__(self, server, loose=False, empty=False, options=""):
         super().__init__(server)
         maintenance = self.connect(self.MAINTENANCE)
-        maintenance.cursor().execute(f"create database {self.name} template {'template0' if loose else 'strict'}")
+        template = "template0" if loose or empty else "strict"
+        maintenance.cursor().execute(f"create database {self.name} template {template} {options}")
         maintenance.close()
         self.reconnect()
         if loose:
@@ -286,11 +294,40 @@ class Postgresql(ServerDatabase):
         self.run("create function refuse() returns trigger language plpgsql as $$ begin raise exception 'no'; end $$")
         self.run(f"create trigger refuse before update on {table} execute function refuse()")
 
+    def refuse_inserts(self, table, column=None, value=None):
+        """No row is added any more, or none with the value."""
+        when = f"when (new.{column} = '{value}')" if column else ""
+        self.run("create function refuse_insert() returns trigger language plpgsql as "
+                 "$$ begin raise exception 'not allowed'; end $$")
+        self.run(f"create trigger refuse_insert before insert on {table} for each row {when} "
+                 "execute function refuse_insert()")
+
+    def columns(self, table):
+        """What the catalogue says about a table's columns."""
+        return [tuple(row) for row in self.run(
+            "select column_name, data_type, character_maximum_length, is_nullable, column_default "
+            "from information_schema.columns where table_name = ? order by ordinal_position", table)]
+
+    def own(self, name, password):
+        """Makes a login that owns the database and may make roles, as an owner may who is no superuser."""
+        quoted = password.replace("'", "''")
+        self.server.psql("postgres", "-c", f"create role {name} login createrole password '{quoted}'", "-c",
+                         f"alter database {self.name} owner to {name}")
+
+    def forbid_roles(self, name):
+        """Takes from a login the right to make roles."""
+        self.server.psql("postgres", "-c", f"alter role {name} nocreaterole")
+
+    def forget_login(self, name):
+        """Removes a login."""
+        self.server.psql(self.name, "-c", f"reassign owned by {name} to {servers.ADMINISTRATOR}", "-c",
+                         f"drop owned by {name}", "-c", f"drop role {name}")
+
 
 class Mariadb(ServerDatabase):
     MAINTENANCE, FORCE = "mysql", ""
 
-    def __init__(self, server, loose=False):
+    def __init__(self, server, loose=False, empty=False):
         super().__init__(server)
         maintenance = self.connect(self.MAINTENANCE)
         maintenance.cursor().execute(f"create database {self.name} character set utf8mb4 collate utf8mb4_nopad_bin")
@@ -300,7 +337,7 @@ class Mariadb(ServerDatabase):
             self.run(f"grant all on {self.name}.* to zelvan_daemon")
             self.server.mariadb(self.name, LOOSE_SCHEMA.format(
                 text="text", integer="bigint", more=", id bigint not null auto_increment invisible primary key"))
-        else:
+        elif not empty:
             self.install("schema")
 
     @staticmethod
@@ -342,10 +379,38 @@ class Mariadb(ServerDatabase):
     def refuse_updates(self, table):
         self.run(f"create trigger refuse before update on {table} for each row signal sqlstate '45000'")
 
+    def refuse_inserts(self, table, column=None, value=None):
+        """No row is added any more, or none with the value."""
+        when = f"new.{column} = '{value}'" if column else "true"
+        self.run(f"create trigger refuse_insert before insert on {table} for each row "
+                 f"if {when} then signal sqlstate '45000' set message_text = 'not allowed'; end if")
 
-def make_database(folder, loose=False, server=None):
+    def columns(self, table):
+        """What the catalogue says about a table's columns."""
+        return [tuple(row) for row in self.run(
+            "select column_name, column_type, is_nullable, column_default, collation_name, extra "
+            "from information_schema.columns where table_schema = database() and table_name = ? "
+            "order by ordinal_position", table)]
+
+    def own(self, name, password):
+        """Makes a login that owns the database and may make roles, as an owner may who is no superuser."""
+        quoted = password.replace("\\", "\\\\").replace("'", "''")
+        self.server.mariadb("", f"create user {name}@localhost identified by '{quoted}';"
+                                f"grant all on {self.name}.* to {name}@localhost with grant option;"
+                                f"grant create user on *.* to {name}@localhost")
+
+    def forbid_roles(self, name):
+        """Takes from a login the right to make roles."""
+        self.server.mariadb("", f"revoke create user on *.* from {name}@localhost")
+
+    def forget_login(self, name):
+        """Removes a login."""
+        self.server.mariadb("", f"drop user {name}@localhost")
+
+
+def make_database(folder, loose=False, server=None, empty=False):
     """A database of the engine of this run: a file in the folder, or one on `server`, by default the shared one."""
     if engine.chosen() == engine.SQLITE:
-        return Sqlite(folder, loose)
+        return Sqlite(folder, loose, empty)
     kind = Postgresql if engine.chosen() == engine.POSTGRESQL else Mariadb
-    return kind(server or servers.shared(), loose)
+    return kind(server or servers.shared(), loose, empty)

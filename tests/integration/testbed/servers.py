@@ -18,6 +18,7 @@ from testbed import engine
 SQL = Path(__file__).resolve().parents[3] / "sql"
 LOGIN, PASSWORD = "zelvan", "a-login's \\password"  # of the daemon
 ADMINISTRATOR = "administrator"
+ADMINISTRATORS = {engine.POSTGRESQL: ADMINISTRATOR, engine.MARIADB: "root"}  # none of them needs a password
 PATIENCE = 120  # seconds for a server to start or to end
 SHARED = "ZELVAN_TEST_SERVER"  # names the folder of the server that all tests of a run share
 UNPRIVILEGED = "nobody"  # PostgreSQL does not run as root
@@ -118,6 +119,12 @@ class Postgresql(Server):
         quoted = password.replace("'", "''")
         self.psql("postgres", "-c", f"create role \"{name}\" login password '{quoted}' in role zelvan_daemon")
 
+    def revoke_role(self, name):
+        self.psql("postgres", "-c", f"revoke zelvan_daemon from \"{name}\"")
+
+    def remove_role(self):
+        self.psql("strict", "-c", "drop owned by zelvan_daemon", "-c", "drop role zelvan_daemon")
+
     def psql(self, database, *arguments):
         """Runs PostgreSQL's own shell as the administrator; any error ends it."""
         command = ["psql", "--no-psqlrc", "--quiet", "--set=ON_ERROR_STOP=1", f"--host={self.folder}",
@@ -131,16 +138,23 @@ class Mariadb(Server):
     fast_stop = signal.SIGTERM
 
     def preparation(self):
-        return ["mariadb-install-db", "--no-defaults", f"--datadir={self.folder}/data", f"--tmpdir={self.folder}",
-                "--skip-test-db", "--auth-root-authentication-method=normal", "--skip-name-resolve"]
+        return ["mariadb-install-db", "--no-defaults", f"--datadir={self.folder}/data", "--skip-test-db",
+                "--auth-root-authentication-method=normal", "--skip-name-resolve", self.temporary()]
 
     def command(self):
-        # A server that starts removes the temporary tables in its tmpdir, also those of other servers.
-        return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.folder}/data", f"--tmpdir={self.folder}",
-                f"--socket={self.folder}/socket",
+        return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.folder}/data", f"--socket={self.folder}/socket",
                 f"--pid-file={self.folder}/pid", "--skip-networking", "--innodb-flush-log-at-trx-commit=0",
                 "--innodb-buffer-pool-size=64M", "--innodb-log-file-size=32M", "--max-connections=200",
-                "--innodb-doublewrite=0", "--performance-schema=off"]
+                "--innodb-doublewrite=0", "--performance-schema=off",
+                self.temporary()]
+
+    def temporary(self):
+        """Temporary tables are kept in the server's own folder.
+
+        A server that starts clears the folder.  In /tmp it would take the tables of other servers, which end with a
+        segmentation fault then.
+        """
+        return f"--tmpdir={self.folder}"
 
     def answers(self):
         command = ["mariadb", "--no-defaults", f"--socket={self.folder}/socket", "--user=root", "--connect-timeout=5",
@@ -157,6 +171,12 @@ class Mariadb(Server):
         self.mariadb("", f"create user `{name}`@localhost identified by '{quoted}';"
                          f"grant zelvan_daemon to `{name}`@localhost;"
                          f"set default role zelvan_daemon for `{name}`@localhost")
+
+    def revoke_role(self, name):
+        self.mariadb("", f"revoke zelvan_daemon from `{name}`@localhost; set default role none for `{name}`@localhost")
+
+    def remove_role(self):
+        self.mariadb("", "drop role zelvan_daemon")
 
     def mariadb(self, database, sql):
         """Runs MariaDB's own shell as the administrator; any error ends it."""

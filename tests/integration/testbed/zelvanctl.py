@@ -10,6 +10,8 @@ import subprocess
 import time
 from pathlib import Path
 
+from testbed import engine, servers
+
 PATIENCE = 60
 OK, FAILED, USAGE, NOT_FOUND, REFUSED, UNREACHABLE = range(6)
 
@@ -21,25 +23,34 @@ def oathtool(*arguments, key):
 
 
 class Tool:
-    """A copy of zelvanctl in a folder; its settings file stands beside it as config/otp_conf.con."""
+    """A copy of zelvanctl in a folder; its settings file stands beside it as config/otp_conf.con.
+
+    Where there are logins, it logs in as the administrator: the server's own login may add and remove nothing.
+    """
 
     def __init__(self, folder, environment):
         self.executable = Path(folder) / "zelvanctl"
         self.environment = environment
         shutil.copy2(Path(os.environ["ZELVAN_BIN_DIR"]) / "zelvanctl", self.executable)
+        self.login = []
+        if engine.chosen() in servers.ADMINISTRATORS:
+            self.login = ["--login", servers.ADMINISTRATORS[engine.chosen()], "--password-file", "/dev/null"]
 
     @classmethod
     def beside(cls, daemon):
         """The tool in the folder of a daemon's executable."""
         return cls(daemon.executable.parent, daemon._environment())
 
+    def command(self, *arguments):
+        return [str(self.executable), *self.login, *arguments]
+
     def start(self, *arguments, **options):
-        return subprocess.Popen([str(self.executable), *arguments], env=self.environment, text=True,
+        return subprocess.Popen(self.command(*arguments), env=self.environment, text=True,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
 
     def run(self, *arguments, code=OK, stdin="", cwd=None, **variables):
         """Runs a command without a terminal; it must end with `code`."""
-        done = subprocess.run([str(self.executable), *arguments], env=self.environment | variables, input=stdin,
+        done = subprocess.run(self.command(*arguments), env=self.environment | variables, input=stdin,
                               capture_output=True, text=True, timeout=PATIENCE, cwd=cwd, check=False)
         assert done.returncode == code, f"{arguments}: {done.returncode}\n{done.stdout}{done.stderr}"
         return done
@@ -54,7 +65,7 @@ class Tool:
         """Runs a command at a terminal; waits for each prompt of `answers` and types the text.  Returns the screen."""
         keyboard, terminal = pty.openpty()
         environment = {"TERM": "xterm"} | self.environment | variables
-        process = subprocess.Popen([str(self.executable), *arguments], env=environment, stdin=terminal, stdout=terminal,
+        process = subprocess.Popen(self.command(*arguments), env=environment, stdin=terminal, stdout=terminal,
                                    stderr=terminal, close_fds=True)
         os.close(terminal)
         screen = b""

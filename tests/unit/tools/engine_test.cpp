@@ -16,13 +16,17 @@ TEST(Engine, AnUnknownOneHasNoSchema) {
   EXPECT_EQ(engine_of("Oracle").name, "");
   EXPECT_EQ(engine_of("").name, "");
   EXPECT_EQ(schema_text(""), "");
+  EXPECT_EQ(guard_text(""), "");
 }
 
-TEST(Engine, TheSchemaOfSqliteIsPartOfTheProgram) {
-  EXPECT_NE(schema_text("sqlite").find("create table if not exists userinfo"), std::string_view::npos);
+TEST(Engine, SchemaAndGuardOfEachArePartOfTheProgram) {
+  for (const char* engine : {"sqlite", "postgresql", "mariadb"}) {
+    EXPECT_NE(schema_text(engine).find("create table if not exists userinfo"), std::string_view::npos) << engine;
+    EXPECT_NE(guard_text(engine).find("keyinfo: this code is used"), std::string_view::npos) << engine;
+  }
 }
 
 TEST(Engine, DatesAreSelectedAsText) {
   EXPECT_EQ(date_text(engine_of("SQLite"), "predate"), "predate");
-  EXPECT_EQ(date_text(engine_of("PostgreSQL"), "predate"), "to_char(predate, 'YYYY-MM-DD HH24:MI:SS')");
+  EXPECT_EQ(date_text(engine_of("PostgreSQL"), "predate"), "left(cast(predate as text), 19)");
 }

@@ -38,4 +38,16 @@ TEST(SqlScript, ATriggerBodyIsKept) {
       (Statements{"create trigger t after update on x begin select case when 1 then 2 end; select 3; end", "begin"}));
 }
 
+TEST(SqlScript, AnotherDelimiterKeepsABody) {
+  EXPECT_EQ(
+      split_statements("select 1;\ndelimiter //\ncreate trigger t begin if x then y; end if; end//\n"
+                       "Delimiter ;\nselect 2; select 'delimiter'"),
+      (Statements{"select 1", "create trigger t begin if x then y; end if; end", "select 2", "select 'delimiter'"}));
+}
+
+TEST(SqlScript, ADelimiterWithoutATextChangesNothing) {
+  EXPECT_EQ(split_statements("delimiter\nselect 1; select 2"), (Statements{"select 1", "select 2"}));
+  EXPECT_TRUE(split_statements("delimiter").empty());
+}
+
 TEST(SqlScript, AnOpenQuoteEndsWithTheScript) { EXPECT_EQ(split_statements("select 'x;"), (Statements{"select 'x;"})); }
