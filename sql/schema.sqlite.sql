@@ -15,8 +15,6 @@
 --                         last commits back, and a code that was used in the last moments could be used once more.
 --   Timeout=10000         milliseconds to wait for another process's lock; without it a statement fails at once
 --
--- odbcinst.ini must not set Threading to 0 or 1 for this driver: the server shares one connection between its threads.
---
 -- All times are UTC text, YYYY-MM-DD HH:MM:SS.  A check "x is datetime(x, '+0 days')" takes exactly that
 -- form of a date that exists.
 

@@ -259,7 +259,8 @@ class Postgresql(ServerDatabase):
 
     def connect(self, database, user=servers.ADMINISTRATOR, password=""):
         from psycopg2 import extensions
-        connection = self.driver().connect(host=str(self.server.folder), user=user, password=password, dbname=database)
+        connection = self.driver().connect(host=str(self.server.folder), port=self.server.port or self.server.default_port,
+                                           user=user, password=password, dbname=database)
         connection.autocommit = True
         as_text = extensions.new_type((1114,), "timestamp", lambda value, _: value)
         extensions.register_type(as_text, connection)

@@ -34,14 +34,19 @@ def unprivileged(command):
 
 
 class Server:
-    """One server.  Without a folder it is made anew; with one it is somebody else's that runs there."""
+    """One server.  Without a folder it is made anew; with one it is somebody else's that runs there.
 
-    def __init__(self, folder=None):
+    port: where it listens on TCP besides its socket, by default nowhere
+    options: further arguments of the server, for each of its starts
+    within: a command line that runs the server, such as unshare(1)
+    """
+
+    def __init__(self, folder=None, *, port=None, options=(), within=()):
         self.process = None
+        self.port, self.options, self.within = port, options, within
         self.folder = Path(folder or tempfile.mkdtemp(prefix="zelvan-", dir="/tmp"))
         if folder is None:
-            if os.getuid() == 0:
-                shutil.chown(self.folder, UNPRIVILEGED)
+            self.give(self.folder)
             self.run(*self.preparation())
             self.start()
             self.provide()
@@ -56,8 +61,8 @@ class Server:
     def start(self, *options):
         """Starts the server and waits until it takes connections."""
         with (self.folder / "log").open("ab") as log:
-            self.process = subprocess.Popen(unprivileged([*self.command(), *options]), cwd=self.folder, stdin=subprocess.DEVNULL,
-                                            stdout=log, stderr=log)
+            command = [*self.within, *unprivileged([*self.command(), *self.options, *options])]
+            self.process = subprocess.Popen(command, cwd=self.folder, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
         deadline = time.monotonic() + PATIENCE
         while not self.answers():
             assert self.process.poll() is None and time.monotonic() < deadline, (self.folder / "log").read_text()
@@ -74,6 +79,11 @@ class Server:
         for pid in [self.process.pid, *children(self.process.pid)]:
             os.kill(pid, signal.SIGSTOP if paused else signal.SIGCONT)
 
+    def give(self, path):
+        """Lets the server's user own a file."""
+        if os.getuid() == 0:
+            shutil.chown(path, UNPRIVILEGED)
+
     def remove(self):
         if self.process is not None:
             self.stop()
@@ -88,6 +98,7 @@ class Postgresql(Server):
     """A test's database is a copy of `strict`, which has the schema."""
 
     fast_stop = signal.SIGINT
+    default_port = 5432  # names its socket too
 
     @staticmethod
     def program(name):
@@ -100,12 +111,13 @@ class Postgresql(Server):
                 "--locale=C.UTF-8"]
 
     def command(self):
-        settings = {"listen_addresses": "", "unix_socket_directories": self.folder, "fsync": "off",
-                    "full_page_writes": "off", "max_connections": 200, "shared_buffers": "32MB", "autovacuum": "off"}
+        settings = {"listen_addresses": "", "port": self.port or self.default_port,
+                    "unix_socket_directories": self.folder, "fsync": "off", "full_page_writes": "off", "max_connections": 200, "shared_buffers": "32MB", "autovacuum": "off"}
         return [self.program("postgres"), "-D", "data", *(f"--{name}={value}" for name, value in settings.items())]
 
     def answers(self):
-        return subprocess.run([self.program("pg_isready"), "-q", "-h", self.folder], check=False).returncode == 0
+        command = [self.program("pg_isready"), "-q", "-h", self.folder, "-p", str(self.port or self.default_port)]
+        return subprocess.run(command, check=False).returncode == 0
 
     def provide(self):
         """Makes the daemon's login, which needs its password, and the template."""
@@ -128,7 +140,7 @@ class Postgresql(Server):
     def psql(self, database, *arguments):
         """Runs PostgreSQL's own shell as the administrator; any error ends it."""
         command = ["psql", "--no-psqlrc", "--quiet", "--set=ON_ERROR_STOP=1", f"--host={self.folder}",
-                   f"--username={ADMINISTRATOR}", f"--dbname={database}", *map(str, arguments)]
+                   f"--port={self.port or self.default_port}", f"--username={ADMINISTRATOR}", f"--dbname={database}", *map(str, arguments)]
         done = subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE, check=False)
         assert done.returncode == 0, done.stderr
         return done.stdout
@@ -136,6 +148,7 @@ class Postgresql(Server):
 
 class Mariadb(Server):
     fast_stop = signal.SIGTERM
+    default_port = 3306
 
     def preparation(self):
         return ["mariadb-install-db", "--no-defaults", f"--datadir={self.folder}/data", "--skip-test-db",
@@ -143,7 +156,8 @@ class Mariadb(Server):
 
     def command(self):
         return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.folder}/data", f"--socket={self.folder}/socket",
-                f"--pid-file={self.folder}/pid", "--skip-networking", "--innodb-flush-log-at-trx-commit=0",
+                f"--pid-file={self.folder}/pid", "--skip-networking", f"--port={self.port or self.default_port}",
+                "--innodb-flush-log-at-trx-commit=0",
                 "--innodb-buffer-pool-size=64M", "--innodb-log-file-size=32M", "--max-connections=200",
                 "--innodb-doublewrite=0", "--performance-schema=off",
                 self.temporary()]
@@ -166,11 +180,11 @@ class Mariadb(Server):
         self.mariadb("", "create role zelvan_daemon")
         self.add_login(LOGIN, PASSWORD)
 
-    def add_login(self, name, password):
+    def add_login(self, name, password, host="localhost", require=""):
         quoted = password.replace("\\", "\\\\").replace("'", "''")
-        self.mariadb("", f"create user `{name}`@localhost identified by '{quoted}';"
-                         f"grant zelvan_daemon to `{name}`@localhost;"
-                         f"set default role zelvan_daemon for `{name}`@localhost")
+        self.mariadb("", f"create user `{name}`@`{host}` identified by '{quoted}' {require};"
+                         f"grant zelvan_daemon to `{name}`@`{host}`;"
+                         f"set default role zelvan_daemon for `{name}`@`{host}`")
 
     def revoke_role(self, name):
         self.mariadb("", f"revoke zelvan_daemon from `{name}`@localhost; set default role none for `{name}`@localhost")
