@@ -126,7 +126,7 @@ class TestDeadServer:
         assert Held(daemon, user, codes).receive(SLACK).rejected  # no statement can be sent, and none is waited for
         daemon.advance(THROTTLE + 1)
         held = Held(daemon, user, codes).receive(3 * CONNECT + SLACK)
-        assert held.rejected and held.longest > 3 * CONNECT - 1  # one attempt to connect a request, one after the other
+        assert held.rejected and held.longest > 3 * CONNECT - 1  # an attempt to connect for each, one after the other
         assert daemon.db.factor(user) == 1
         cable.plug(True)
         assert next_code(daemon, user).plain_reject
