@@ -27,7 +27,8 @@ SILENCE, DELIVERED, CONNECT = 3, 4, 2  # seconds that a statement, one that has 
 SLACK = 4  # seconds that a busy machine, and the kernel's growing pauses between two attempts, may add
 
 TIME_OUTS = {
-    engine.POSTGRESQL: f"pqopt=tcp_user_timeout={SILENCE}000 connect_timeout={CONNECT}\nKeepaliveTime=2\nKeepaliveInterval=2\n",
+    engine.POSTGRESQL: f"pqopt=tcp_user_timeout={SILENCE}000 connect_timeout={CONNECT}\n"
+                       "KeepaliveTime=2\nKeepaliveInterval=2\n",
     engine.MARIADB: f"CONN_TIMEOUT={CONNECT}\nREAD_TIMEOUT={SILENCE}\nWRITE_TIMEOUT={SILENCE}\n",
 }
 

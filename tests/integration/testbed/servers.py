@@ -111,7 +111,8 @@ class Postgresql(Server):
 
     def command(self):
         settings = {"listen_addresses": "", "port": self.port or self.default_port,
-                    "unix_socket_directories": self.folder, "fsync": "off", "full_page_writes": "off", "max_connections": 200, "shared_buffers": "32MB", "autovacuum": "off"}
+                    "unix_socket_directories": self.folder, "fsync": "off", "full_page_writes": "off", "max_connections": 200,
+                    "shared_buffers": "32MB", "autovacuum": "off"}
         return [self.program("postgres"), "-D", "data", *(f"--{name}={value}" for name, value in settings.items())]
 
     def answers(self):
@@ -133,7 +134,8 @@ class Postgresql(Server):
     def psql(self, database, *arguments):
         """Runs PostgreSQL's own shell as the administrator; any error ends it."""
         command = ["psql", "--no-psqlrc", "--quiet", "--set=ON_ERROR_STOP=1", f"--host={self.folder}",
-                   f"--port={self.port or self.default_port}", f"--username={ADMINISTRATOR}", f"--dbname={database}", *map(str, arguments)]
+                   f"--port={self.port or self.default_port}", f"--username={ADMINISTRATOR}", f"--dbname={database}",
+                   *map(str, arguments)]
         done = subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE, check=False)
         assert done.returncode == 0, done.stderr
         return done.stdout
