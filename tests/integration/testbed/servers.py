@@ -142,19 +142,21 @@ class Postgresql(Server):
 
 
 class Mariadb(Server):
+    """Its temporary files are in its folder: a server that starts removes those of others in a shared one."""
+
     fast_stop = signal.SIGTERM
     default_port = 3306
 
     def preparation(self):
         return ["mariadb-install-db", "--no-defaults", f"--datadir={self.folder}/data", "--skip-test-db",
-                "--auth-root-authentication-method=normal", "--skip-name-resolve"]
+                "--auth-root-authentication-method=normal", "--skip-name-resolve", f"--tmpdir={self.folder}"]
 
     def command(self):
         return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.folder}/data", f"--socket={self.folder}/socket",
                 f"--pid-file={self.folder}/pid", "--skip-networking", f"--port={self.port or self.default_port}",
                 "--innodb-flush-log-at-trx-commit=0",
                 "--innodb-buffer-pool-size=64M", "--innodb-log-file-size=32M", "--max-connections=200",
-                "--innodb-doublewrite=0", "--performance-schema=off"]
+                f"--tmpdir={self.folder}", "--innodb-doublewrite=0", "--performance-schema=off"]
 
     def answers(self):
         command = ["mariadb", "--no-defaults", f"--socket={self.folder}/socket", "--user=root", "--connect-timeout=5",
