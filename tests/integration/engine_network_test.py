@@ -27,7 +27,8 @@ SILENCE, DELIVERED, CONNECT = 3, 4, 2  # seconds that a statement, one that has 
 SLACK = 4  # seconds that a busy machine, and the kernel's growing pauses between two attempts, may add
 
 TIME_OUTS = {
-    engine.POSTGRESQL: f"pqopt=tcp_user_timeout={SILENCE}000 connect_timeout={CONNECT}\nKeepaliveTime=2\nKeepaliveInterval=2\n",
+    engine.POSTGRESQL: f"pqopt=tcp_user_timeout={SILENCE}000 connect_timeout={CONNECT}\n"
+                       "KeepaliveTime=2\nKeepaliveInterval=2\n",
     engine.MARIADB: f"CONN_TIMEOUT={CONNECT}\nREAD_TIMEOUT={SILENCE}\nWRITE_TIMEOUT={SILENCE}\n",
 }
 
@@ -126,7 +127,7 @@ class TestDeadServer:
         assert Held(daemon, user, codes).receive(SLACK).rejected  # no statement can be sent, and none is waited for
         daemon.advance(THROTTLE + 1)
         held = Held(daemon, user, codes).receive(3 * CONNECT + SLACK)
-        assert held.rejected and held.longest > 3 * CONNECT - 1  # one attempt to connect a request, one after the other
+        assert held.rejected and held.longest > 3 * CONNECT - 1  # an attempt to connect for each, one after the other
         assert daemon.db.factor(user) == 1
         cable.plug(True)
         assert next_code(daemon, user).plain_reject

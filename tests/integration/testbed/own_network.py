@@ -47,8 +47,8 @@ def enter(reason="port 8801 is fixed"):
 class Cable:
     """A cable between the network of this process and that of another one, which a pulled plug makes dead without a word.
 
-    The plug is pulled at the far end.  The near end keeps the far one's hardware address: a host behind a router, too, is not
-    missed by its neighbours in the network.
+    The plug is pulled at the far end.  The near end keeps the far one's hardware address: a host behind a router is not missed
+    by its neighbours either.
     """
 
     NEAR, FAR = "10.77.0.1", "10.77.0.2"
