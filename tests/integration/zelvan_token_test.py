@@ -62,6 +62,17 @@ class SoftToken:
     def file(self, user):
         return self.folder / f"{user.name}.json"
 
+    def store(self, name="alice", path=None, **changes):
+        """Writes an event token where the program keeps it, or elsewhere."""
+        path = path or self.folder / f"{name}.json"
+        path.parent.mkdir(parents=True, exist_ok=True)
+        members = {"format": 1, "user": name, "server": "127.0.0.1:8801", "type": "event-counted", "digits": 6,
+                   "pin_follows": True, "key": KEY.encode().hex(), "pin": PIN.encode().hex(), "counter": 0, "next": 0,
+                   "time_step": 0, "fetched_at": 1700000000, "clock_offset": 0}
+        path.write_text(json.dumps(members | changes))
+        path.chmod(0o600)
+        return path
+
     def fetch(self, user, factor, **options):
         """Fetches the token of an event or time-stepped account with the code of `factor`."""
         return self.good("fetch", user.name, *options, lines=[user.code(factor) + user.pin])
@@ -351,30 +362,20 @@ class TestNetwork:
 class TestStored:
     """Commands on files that a test wrote; they need no daemon."""
 
-    def store(self, token, name="alice", **changes):
-        token.folder.mkdir(parents=True, exist_ok=True)
-        path = token.folder / f"{name}.json"
-        members = {"format": 1, "user": name, "server": "127.0.0.1:8801", "type": "event-counted", "digits": 6,
-                   "pin_follows": True, "key": KEY.encode().hex(), "pin": PIN.encode().hex(), "counter": 0, "next": 0,
-                   "time_step": 0, "fetched_at": 1700000000, "clock_offset": 0}
-        path.write_text(json.dumps(members | changes))
-        path.chmod(0o600)
-        return path
-
     def test_codes_are_those_of_the_rfc(self, token):
         """RFC 4226 appendix D."""
-        self.store(token)
+        token.store()
         assert [token.run("code").stdout for _ in range(3)] == ["755224\n", "287082\n", "359152\n"]
         assert token.run("code", "--with-pin").stdout == "969429" + PIN + "\n"
 
     def test_copies_that_run_at_once_give_different_codes(self, token):
-        self.store(token)
+        token.store()
         programs = [token.start("code", "--json") for _ in range(20)]
         counters = sorted(json.loads(program.communicate(timeout=PATIENCE)[0])["counter"] for program in programs)
         assert counters == list(range(20))
 
     def test_a_challenge_is_answered_as_often_as_it_is_asked(self, token):
-        path = self.store(token, type="challenge-response")
+        path = token.store(type="challenge-response")
         before = path.read_text()
         for _ in range(2):
             assert token.run("code", "--challenge", 1).stdout == "287082\n"
@@ -385,7 +386,7 @@ class TestStored:
                                                ("challenge-response", ["--challenge", "-1"]),
                                                ("challenge-response", ["--challenge", "4294967296"])])
     def test_a_challenge_where_it_belongs(self, token, kind, options):
-        path = self.store(token, type=kind)
+        path = token.store(type=kind)
         before = path.read_text()
         result = token.run("code", *options)
         assert (result.returncode, result.stdout) == (USAGE, "") and result.stderr
@@ -393,19 +394,19 @@ class TestStored:
 
     def test_which_token(self, token):
         assert "fetch one first" in token.fails(NOT_FOUND, "code")
-        self.store(token, "alice")
-        self.store(token, "bob")
+        token.store("alice")
+        token.store("bob")
         assert "there are 2 tokens" in token.fails(NOT_FOUND, "code")
         assert token.run("code", "bob").returncode == OK
         assert "there is no token" in token.fails(NOT_FOUND, "code", "carol")
         assert "not of bob" in token.fails(USAGE, "code", "bob", "--file", token.folder / "alice.json")
 
     def test_a_corrupt_file(self, token):
-        self.store(token).write_text('{"format": 1')
+        token.store().write_text('{"format": 1')
         assert "holds no usable token" in token.fails(FILE_UNUSABLE, "code")
 
     def test_a_file_that_others_may_read(self, token):
-        self.store(token).chmod(0o644)
+        token.store().chmod(0o644)
         assert "chmod 600" in token.fails(FILE_UNUSABLE, "code")
 
     def test_no_code_without_the_counter_stored(self, token):
@@ -416,20 +417,20 @@ class TestStored:
     def test_show(self, token):
         assert token.run("show").stdout.startswith("There is no token here")
         assert token.good("show") == []
-        self.store(token, "alice")
-        self.store(token, "bob", type="time-stepped", time_step=60)
+        token.store("alice")
+        token.store("bob", type="time-stepped", time_step=60)
         assert [entry["user"] for entry in token.good("show")] == ["alice", "bob"]
         assert "time-stepped, codes of 6 digits" in token.run("show", "bob").stdout
         assert token.good("show", "bob", "--show-secrets")[0]["key"] == KEY
 
     def test_show_names_the_broken_and_shows_the_rest(self, token):
-        self.store(token, "alice").write_text("")
-        self.store(token, "bob")
+        token.store("alice").write_text("")
+        token.store("bob")
         result = token.run("show")
         assert result.returncode == FILE_UNUSABLE and "bob" in result.stdout and "alice.json" in result.stderr
 
     def test_forget_asks(self, token):
-        path = self.store(token)
+        path = token.store()
         assert "Confirm with --yes" in token.fails(REFUSED, "forget", lines=["y"])
         assert path.exists()
         assert "nothing changed" in typed_at_a_terminal(token, ["forget"], "n\n", prompt="[y/N] ")
@@ -439,9 +440,34 @@ class TestStored:
         token.fails(NOT_FOUND, "forget", "alice", "--yes")
 
     def test_forget_removes_a_corrupt_file_too(self, token):
-        path = self.store(token)
+        path = token.store()
         path.write_text("")
         assert token.run("forget", "--yes").returncode == OK and not path.exists()
+
+
+class TestNumbers:
+    def test_a_leading_zero_makes_no_octal_number(self, token):
+        token.store(type="challenge-response")
+        assert token.good("code", "--challenge", "012345")["challenge"] == 12345
+
+    @pytest.mark.parametrize("number", ["-5", "+5", "0x10", "1e3", "", " 5", "5 ", "5.0", "18446744073709551616",
+                                        "18446744073709551621", "9" * 40])
+    def test_plain_numbers_only(self, token, number):
+        token.store(type="challenge-response")
+        for arguments in (["code", f"--challenge={number}"], ["code", "--challenge", number],
+                          ["fetch", "alice", f"--tries={number}"], ["fetch", "alice", f"--timeout={number}"]):
+            result = token.run(*arguments, lines=["1"])
+            assert (result.returncode, result.stdout) == (USAGE, ""), arguments
+
+    @pytest.mark.parametrize("option, most", [("--tries", 20), ("--timeout", 600)])
+    def test_limits(self, token, option, most):
+        for number, exit_code in ((0, USAGE), (1, NO_ANSWER), (most, NO_ANSWER), (most + 1, USAGE)):
+            result = token.run("fetch", "alice", "--server", "127.0.0.1:9", option, number, lines=["1"])
+            assert result.returncode == exit_code, number
+
+    def test_the_largest_challenge(self, token):
+        token.store(type="challenge-response")
+        assert token.good("code", "--challenge", 2**32 - 1)["challenge"] == 2**32 - 1
 
 
 class TestCommandLine:

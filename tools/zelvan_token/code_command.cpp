@@ -105,7 +105,10 @@ void register_code(CLI::App& program, const Common& common) {
   auto options = std::make_shared<Options>();
   CLI::App* const command = program.add_subcommand("code", "Show the next code; each is shown once");
   add_choice(*command, options->choice, false);
-  command->add_option("--challenge", options->challenge, "The number to answer; challenge-response tokens only")
+  add_number(
+      *command, "--challenge", 0, UINT32_MAX,
+      [options = options.get()](std::uint64_t number) { options->challenge = static_cast<std::uint32_t>(number); },
+      "The number to answer; challenge-response tokens only")
       ->type_name("N");
   command->add_flag("--with-pin", options->with_pin, "Put the PIN behind the code, where the account wants that");
   command->add_flag("--wait", options->wait, "Wait when a time-stepped token has no fresh code yet");

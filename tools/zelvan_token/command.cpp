@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <charconv>
 #include <cstdio>
 
 #include "zelvan_token/terminal.h"
@@ -39,6 +40,20 @@ std::filesystem::path chosen_file(const Choice& choice) {
 void check_choice(const Choice& choice, const SoftToken& token) {
   if (choice.user.empty() || choice.user == token.user) return;
   throw Failure(kUsage, fmt::format("the token file is that of {}, not of {}", token.user, choice.user));
+}
+
+CLI::Option* add_number(CLI::App& command, const std::string& name, std::uint64_t least, std::uint64_t most,
+                        const std::function<void(std::uint64_t)>& store, const std::string& description) {
+  const auto read = [=](const std::string& text) {
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stopped_at, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc{} || stopped_at != end || number < least || number > most) {
+      throw CLI::ValidationError(name, fmt::format("\"{}\" is no number from {} to {}", text, least, most));
+    }
+    store(number);
+  };
+  return command.add_option_function<std::string>(name, read, description);
 }
 
 void write_result(const Common& common, const Json& value, const std::string& text) {

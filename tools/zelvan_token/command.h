@@ -2,7 +2,9 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "zelvan_token/failure.h"
@@ -32,6 +34,12 @@ std::filesystem::path chosen_file(const Choice& choice);
 
 // Throws Failure (kUsage) when the choice names a user and the token is another one's.
 void check_choice(const Choice& choice, const SoftToken& token);
+
+// Declares an option that takes decimal digits, for a number from `least` to `most`, and nothing else: no sign, no
+// leading zero that would mean octal.
+//   store  called with the number
+CLI::Option* add_number(CLI::App& command, const std::string& name, std::uint64_t least, std::uint64_t most,
+                        const std::function<void(std::uint64_t)>& store, const std::string& description);
 
 // Writes the result of a command to standard output: `value` for scripts, `text` (whole lines) for people.
 void write_result(const Common& common, const Json& value, const std::string& text);

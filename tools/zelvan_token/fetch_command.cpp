@@ -11,6 +11,9 @@
 namespace zelvan::token {
 namespace {
 
+constexpr int kLongestTimeout = 600;  // seconds
+constexpr int kMostTries = 20;
+
 struct Options {
   Choice choice;
   std::string server = "127.0.0.1";
@@ -88,12 +91,19 @@ void register_fetch(CLI::App& program, const Common& common) {
   command->add_option("--server", options->server, "The server's synchronisation service; port 8801 unless given")
       ->type_name("HOST[:PORT]")
       ->capture_default_str();
-  command->add_option("--timeout", options->patience.seconds, "Seconds to wait for each answer")
-      ->check(CLI::Range(1, 600))
-      ->capture_default_str();
-  command->add_option("--tries", options->patience.tries, "Requests to send before giving up")
-      ->check(CLI::Range(1, 20))
-      ->capture_default_str();
+  Patience& patience = options->patience;
+  add_number(
+      *command, "--timeout", 1, kLongestTimeout,
+      [&patience](std::uint64_t number) { patience.seconds = static_cast<int>(number); },
+      fmt::format("Seconds to wait for each answer, 1 to {}", kLongestTimeout))
+      ->type_name("SECONDS")
+      ->default_str(std::to_string(patience.seconds));
+  add_number(
+      *command, "--tries", 1, kMostTries,
+      [&patience](std::uint64_t number) { patience.tries = static_cast<int>(number); },
+      fmt::format("Requests to send before giving up, 1 to {}", kMostTries))
+      ->type_name("N")
+      ->default_str(std::to_string(patience.tries));
   command->add_flag("--no-pin", options->no_pin, "Do not keep the PIN on this machine");
   command->footer(
       "The password is what the token shows now, with the PIN behind it where the account wants that; for a\n"
