@@ -8,7 +8,7 @@
 #include "zelvan_token/command.h"
 #include "zelvan_token/draw.h"
 #include "zelvan_token/terminal.h"
-#include "zelvan_token/token_file.h"
+#include "zelvan_token/user_name.h"
 
 namespace zelvan::token {
 namespace {
@@ -26,6 +26,11 @@ void check_pin(const SoftToken& token, const Options& options) {
   if (!options.with_pin) return;
   if (!token.pin_follows) return say("This account takes the code alone; no PIN is put behind it.");
   if (token.pin.empty()) throw Failure(kUsage, "the PIN was not kept here: leave out --with-pin and type it yourself");
+  if (is_plain_text(token.pin.reveal())) return;
+  // Escaped it would be another password; as it is it may give orders to the terminal.
+  throw Failure(kUsage,
+                "the PIN holds control characters or is no UTF-8: leave out --with-pin and type it yourself "
+                "(zelvan-token show --show-secrets shows its bytes)");
 }
 
 void write_code(const Common& common, const SoftToken& token, const Options& options, Json json, const Draw& draw) {

@@ -6,7 +6,6 @@
 #include "zelvan_token/command.h"
 #include "zelvan_token/sync_client.h"
 #include "zelvan_token/terminal.h"
-#include "zelvan_token/token_file.h"
 
 namespace zelvan::token {
 namespace {
@@ -58,18 +57,28 @@ void report(const Common& common, const SoftToken& token, const SyncToken& recei
   text += describe(token, common.show_secrets);
   if (common.show_secrets) {
     json["shared_secret"] = received.secret.data();
-    text += fmt::format("shared secret {}\n", received.secret.data());
+    text += fmt::format("shared secret {}\n", visible(received.secret.data()));
   }
   write_result(common, json, text);
   if (const std::string warning = clock_warning(token); !warning.empty()) say(warning);
 }
 
+void check_place(const std::filesystem::path& path, const Options& options) {
+  check_replaceable(path, options.choice.user, damaged_choice(options.choice, path));
+}
+
+// The password is good for once, so a file that cannot be written must show before it is sent.
+void prepare_place(const std::filesystem::path& path, const Options& options) {
+  check_place(path, options);
+  make_folder_for(path);
+  const FileLock lock(path);
+  rehearse_save(path);
+}
+
 void fetch(const Common& common, const Options& options) {
   const std::filesystem::path path = chosen_file(options.choice);
   const ServerAddress server = parse_server(options.server);
-  // The password is good for once, so a file that cannot be written must show before it is sent.
-  make_folder_for(path);
-  (void)FileLock(path);
+  prepare_place(path, options);
 
   SyncClient client(server);
   const ServerAnswer answer = run_dialogue(client, options);
@@ -77,6 +86,7 @@ void fetch(const Common& common, const Options& options) {
   if (options.no_pin) token.pin = Secret();
   {
     const FileLock lock(path);
+    check_place(path, options);  // somebody may have put a file there meanwhile
     save_token(path, token);
   }
   report(common, token, answer.reply.token, path);
@@ -109,6 +119,7 @@ void register_fetch(CLI::App& program, const Common& common) {
       "The password is what the token shows now, with the PIN behind it where the account wants that; for a\n"
       "challenge-response token it is the PIN, and the number that comes back is to be answered.  It is read without\n"
       "echo, or line by line from standard input when that is no terminal.\n\n"
+      "A file that is there already is replaced only when it is the user's token.\n\n"
       "Examples:\n"
       "  zelvan-token fetch alice --server otp.example.org\n"
       "  printf '%s\\n' \"$password\" | zelvan-token fetch alice --json\n");
