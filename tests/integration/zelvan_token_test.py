@@ -5,9 +5,11 @@ import os
 import pty
 import re
 import select
+import signal
 import socket
 import stat
 import subprocess
+import termios
 import threading
 import time
 from pathlib import Path
@@ -63,6 +65,17 @@ class SoftToken:
 
     def file(self, user):
         return self.folder / f"{user.name}.json"
+
+    def store(self, name="alice", path=None, **changes):
+        """Writes an event token where the program keeps it, or elsewhere."""
+        path = path or self.folder / f"{name}.json"
+        path.parent.mkdir(parents=True, exist_ok=True)
+        members = {"format": 1, "user": name, "server": "127.0.0.1:8801", "type": "event-counted", "digits": 6,
+                   "pin_follows": True, "key": KEY.encode().hex(), "pin": PIN.encode().hex(), "counter": 0, "next": 0,
+                   "time_step": 0, "fetched_at": 1700000000, "clock_offset": 0}
+        path.write_text(json.dumps(members | changes))
+        path.chmod(0o600)
+        return path
 
     def fetch(self, user, factor, **options):
         """Fetches the token of an event or time-stepped account with the code of `factor`."""
@@ -295,26 +308,35 @@ def typed_at_a_terminal(token, arguments, text, prompt=": "):
     return shown
 
 
+def answering(script):
+    """A server on a port of its own that answers request number n with script(n); None is silence."""
+    server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    server.bind(("127.0.0.1", 0))
+
+    def serve():
+        number = 0
+        while True:
+            _, client = server.recvfrom(2048)
+            number += 1
+            answer = script(number)
+            if answer is not None:
+                server.sendto(answer, client)
+
+    threading.Thread(target=serve, daemon=True).start()
+    return f"127.0.0.1:{server.getsockname()[1]}"
+
+
+def acceptance(**changes):
+    """An acceptance with an event token; `changes` are bytes for the attributes."""
+    values = {"HIGH": b"\0\0\0\0", "LOW": b"\0\0\0\0", "CLOCK": b"\0\0\0\0", "DIGITS": b"\x06", "TOKEN_TYPE": b"\x01",
+              "AUTH_TYPE": b"\x01", "KEY": b"k", "PIN": b"", "SECRET": b"s", "TIME_STEP": b"\0\0\0"} | changes
+    attributes = (sync.attribute(getattr(sync, name), value) for name, value in values.items())
+    return sync.packet(b"".join(attributes), code=sync.ACCEPTED)
+
+
 @WHATEVER_ENGINE
 class TestNetwork:
     """Servers that do not behave; they need no daemon."""
-
-    def answering(self, script):
-        """A server on a port of its own that answers request number n with script(n); None is silence."""
-        server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        server.bind(("127.0.0.1", 0))
-
-        def serve():
-            number = 0
-            while True:
-                _, client = server.recvfrom(2048)
-                number += 1
-                answer = script(number)
-                if answer is not None:
-                    server.sendto(answer, client)
-
-        threading.Thread(target=serve, daemon=True).start()
-        return f"127.0.0.1:{server.getsockname()[1]}"
 
     def fetch_fails(self, token, exit_code, server, *options):
         return token.fails(exit_code, "fetch", "alice", "--server", server, *options, lines=["123456"])
@@ -326,28 +348,29 @@ class TestNetwork:
         assert "cannot reach" in self.fetch_fails(token, NO_ANSWER, "192.0.2.1")
 
     def test_silence(self, token):
-        server = self.answering(lambda number: None)
+        server = answering(lambda number: None)
         message = self.fetch_fails(token, NO_ANSWER, server, "--timeout", 1, "--tries", 2)
         assert "no answer" in message and "the code is used up" in message
 
     def test_a_refusal_behind_a_lost_answer_says_so(self, token):
-        server = self.answering(lambda number: None if number == 1 else sync.REFUSAL)
+        server = answering(lambda number: None if number == 1 else sync.REFUSAL)
         message = self.fetch_fails(token, REFUSED, server, "--timeout", 1)
         assert "had to be repeated" in message and "next code" in message
 
     def test_a_plain_refusal_does_not(self, token):
-        assert "repeated" not in self.fetch_fails(token, REFUSED, self.answering(lambda number: sync.REFUSAL))
+        assert "repeated" not in self.fetch_fails(token, REFUSED, answering(lambda number: sync.REFUSAL))
 
     @pytest.mark.parametrize("answer", [b"", b"\x02\x00\x03", b"\x03\x00\x04", b"HTTP/1.1 400", b"\x04\x00\x05\x03\x01"])
     def test_an_answer_that_makes_no_sense(self, token, answer):
-        assert "makes no sense" in self.fetch_fails(token, MALFORMED, self.answering(lambda number: answer))
+        assert "makes no sense" in self.fetch_fails(token, MALFORMED, answering(lambda number: answer))
+
+    def test_a_refusal_leaves_nothing_behind(self, token):
+        self.fetch_fails(token, REFUSED, answering(lambda number: sync.REFUSAL))
+        assert list(token.folder.iterdir()) == []
 
     def test_a_token_that_cannot_work(self, token):
-        values = {kind: b"\0\0\0\0" for kind in (sync.HIGH, sync.LOW, sync.CLOCK)}
-        values |= {sync.DIGITS: b"\x05", sync.TOKEN_TYPE: b"\x01", sync.AUTH_TYPE: b"\x01", sync.KEY: b"k", sync.PIN: b"",
-                   sync.SECRET: b"s", sync.TIME_STEP: b"\0\0\0"}
-        answer = sync.packet(b"".join(sync.attribute(kind, value) for kind, value in values.items()), code=sync.ACCEPTED)
-        message = self.fetch_fails(token, MALFORMED, self.answering(lambda number: answer))
+        answer = acceptance(DIGITS=b"\x05")
+        message = self.fetch_fails(token, MALFORMED, answering(lambda number: answer))
         assert "describes no usable token" in message and list(token.folder.glob("*.json")) == []
 
     def test_json_failures(self, token):
@@ -360,30 +383,20 @@ class TestNetwork:
 class TestStored:
     """Commands on files that a test wrote; they need no daemon."""
 
-    def store(self, token, name="alice", **changes):
-        token.folder.mkdir(parents=True, exist_ok=True)
-        path = token.folder / f"{name}.json"
-        members = {"format": 1, "user": name, "server": "127.0.0.1:8801", "type": "event-counted", "digits": 6,
-                   "pin_follows": True, "key": KEY.encode().hex(), "pin": PIN.encode().hex(), "counter": 0, "next": 0,
-                   "time_step": 0, "fetched_at": 1700000000, "clock_offset": 0}
-        path.write_text(json.dumps(members | changes))
-        path.chmod(0o600)
-        return path
-
     def test_codes_are_those_of_the_rfc(self, token):
         """RFC 4226 appendix D."""
-        self.store(token)
+        token.store()
         assert [token.run("code").stdout for _ in range(3)] == ["755224\n", "287082\n", "359152\n"]
         assert token.run("code", "--with-pin").stdout == "969429" + PIN + "\n"
 
     def test_copies_that_run_at_once_give_different_codes(self, token):
-        self.store(token)
+        token.store()
         programs = [token.start("code", "--json") for _ in range(20)]
         counters = sorted(json.loads(program.communicate(timeout=PATIENCE)[0])["counter"] for program in programs)
         assert counters == list(range(20))
 
     def test_a_challenge_is_answered_as_often_as_it_is_asked(self, token):
-        path = self.store(token, type="challenge-response")
+        path = token.store(type="challenge-response")
         before = path.read_text()
         for _ in range(2):
             assert token.run("code", "--challenge", 1).stdout == "287082\n"
@@ -394,7 +407,7 @@ class TestStored:
                                                ("challenge-response", ["--challenge", "-1"]),
                                                ("challenge-response", ["--challenge", "4294967296"])])
     def test_a_challenge_where_it_belongs(self, token, kind, options):
-        path = self.store(token, type=kind)
+        path = token.store(type=kind)
         before = path.read_text()
         result = token.run("code", *options)
         assert (result.returncode, result.stdout) == (USAGE, "") and result.stderr
@@ -402,19 +415,19 @@ class TestStored:
 
     def test_which_token(self, token):
         assert "fetch one first" in token.fails(NOT_FOUND, "code")
-        self.store(token, "alice")
-        self.store(token, "bob")
+        token.store("alice")
+        token.store("bob")
         assert "there are 2 tokens" in token.fails(NOT_FOUND, "code")
         assert token.run("code", "bob").returncode == OK
         assert "there is no token" in token.fails(NOT_FOUND, "code", "carol")
         assert "not of bob" in token.fails(USAGE, "code", "bob", "--file", token.folder / "alice.json")
 
     def test_a_corrupt_file(self, token):
-        self.store(token).write_text('{"format": 1')
+        token.store().write_text('{"format": 1')
         assert "holds no usable token" in token.fails(FILE_UNUSABLE, "code")
 
     def test_a_file_that_others_may_read(self, token):
-        self.store(token).chmod(0o644)
+        token.store().chmod(0o644)
         assert "chmod 600" in token.fails(FILE_UNUSABLE, "code")
 
     def test_no_code_without_the_counter_stored(self, token):
@@ -425,20 +438,20 @@ class TestStored:
     def test_show(self, token):
         assert token.run("show").stdout.startswith("There is no token here")
         assert token.good("show") == []
-        self.store(token, "alice")
-        self.store(token, "bob", type="time-stepped", time_step=60)
+        token.store("alice")
+        token.store("bob", type="time-stepped", time_step=60)
         assert [entry["user"] for entry in token.good("show")] == ["alice", "bob"]
         assert "time-stepped, codes of 6 digits" in token.run("show", "bob").stdout
         assert token.good("show", "bob", "--show-secrets")[0]["key"] == KEY
 
     def test_show_names_the_broken_and_shows_the_rest(self, token):
-        self.store(token, "alice").write_text("")
-        self.store(token, "bob")
+        token.store("alice").write_text("")
+        token.store("bob")
         result = token.run("show")
         assert result.returncode == FILE_UNUSABLE and "bob" in result.stdout and "alice.json" in result.stderr
 
     def test_forget_asks(self, token):
-        path = self.store(token)
+        path = token.store()
         assert "Confirm with --yes" in token.fails(REFUSED, "forget", lines=["y"])
         assert path.exists()
         assert "nothing changed" in typed_at_a_terminal(token, ["forget"], "n\n", prompt="[y/N] ")
@@ -448,9 +461,272 @@ class TestStored:
         token.fails(NOT_FOUND, "forget", "alice", "--yes")
 
     def test_forget_removes_a_corrupt_file_too(self, token):
-        path = self.store(token)
+        path = token.store()
         path.write_text("")
         assert token.run("forget", "--yes").returncode == OK and not path.exists()
+
+
+@WHATEVER_ENGINE
+class TestForeignFiles:
+    """What is not the user's token stays as it is."""
+
+    REFUSED_FILES = ["text", "open", "empty", "bob", "folder", "fifo", "below a file", "read-only place"]
+
+    def place(self, token, kind):
+        """Makes a file that alice's token must not replace; returns it and the exit code of the refusal."""
+        path = token.home / "place"
+        if kind == "bob":
+            return token.store("bob", path=path), USAGE
+        if kind == "folder":
+            path.mkdir()
+        elif kind == "fifo":
+            os.mkfifo(path)
+        elif kind == "below a file":
+            path.write_text("mine")
+            path = path / "token.json"
+        elif kind == "read-only place":
+            path = Path("/proc/self/token.json")
+        else:
+            path.write_text("" if kind == "empty" else "mine")
+            path.chmod(0o644 if kind == "open" else 0o600)
+        return path, FILE_UNUSABLE
+
+    @pytest.mark.parametrize("kind", REFUSED_FILES)
+    def test_fetch_refuses_before_the_password_is_sent(self, token, kind):
+        path, exit_code = self.place(token, kind)
+        before = path.read_bytes() if path.is_file() else None
+        requests = []
+        server = answering(requests.append)
+        result = token.run("fetch", "alice", "--file", path, "--server", server, "--timeout", 1, "--tries", 1, lines=["1"])
+        assert (result.returncode, result.stdout, requests) == (exit_code, "", [])
+        if before is not None:
+            assert path.read_bytes() == before
+        assert [entry.name for entry in token.home.iterdir() if entry.name != "place"] == []
+
+    @pytest.mark.parametrize("command", [["forget", "alice", "--yes"], ["forget", "--yes"]])
+    @pytest.mark.parametrize("kind", ["text", "open", "empty", "bob", "folder", "fifo"])
+    def test_forget_removes_no_such_file(self, token, kind, command):
+        path, exit_code = self.place(token, kind)
+        if kind == "bob" and command[1] == "--yes":
+            assert token.run(*command, "--file", path).returncode == OK and not path.exists()
+            return
+        token.fails(exit_code, *command, "--file", path)
+        assert path.exists() and not path.with_name("place.lock").exists()
+
+    def test_fetch_replaces_no_file_that_came_meanwhile(self, token):
+        path = token.home / "mine.json"
+
+        def script(number):
+            path.write_text("mine")
+            return acceptance()
+
+        token.fails(FILE_UNUSABLE, "fetch", "alice", "--file", path, "--server", answering(script), lines=["1"])
+        assert path.read_text() == "mine"
+
+    @pytest.mark.parametrize("text, mode", [(None, 0o600), (None, 0o644), ("damaged", 0o600)])
+    def test_fetch_replaces_the_users_own_token(self, token, text, mode):
+        path = token.store()
+        if text:
+            path.write_text(text)
+        path.chmod(mode)
+        server = answering(lambda number: acceptance())
+        assert token.good("fetch", "alice", "--server", server, lines=["1"])["next_counter"] == 0
+        assert stat.S_IMODE(path.stat().st_mode) == 0o600 and json.loads(path.read_text())["key"] == b"k".hex()
+
+    def test_in_the_programs_folder_too_another_users_token_stays(self, token):
+        path = token.store(user="bob")
+        assert "is that of bob" in token.fails(USAGE, "fetch", "alice", "--server", "127.0.0.1:9", lines=["1"])
+        assert "is that of bob" in token.fails(USAGE, "forget", "alice", "--yes")
+        assert path.exists()
+
+    def test_a_lock_file_that_holds_something_is_not_removed(self, token):
+        path = token.store(path=token.home / "package", user="alice")
+        lock = token.home / "package.lock"
+        lock.write_text("mine")
+        assert token.run("forget", "--yes", "--file", path).returncode == OK
+        assert lock.read_text() == "mine" and not path.exists()
+
+
+@WHATEVER_ENGINE
+class TestOtherNames:
+    def test_no_code_comes_twice_through_a_symbolic_link(self, token):
+        path = token.store()
+        link = token.home / "links" / "link.json"
+        link.parent.mkdir()
+        link.symlink_to(path)
+        codes = [token.run("code", "--file", name).stdout for name in (link, path, link, path)]
+        assert codes == ["755224\n", "287082\n", "359152\n", "969429\n"]
+        assert link.is_symlink() and list(link.parent.iterdir()) == [link]
+
+    def test_copies_under_two_names_give_different_codes(self, token):
+        path = token.store()
+        link = token.home / "link.json"
+        link.symlink_to(path)
+        programs = [token.start("code", "--json", "--file", name) for name in [path, link] * 6]
+        counters = sorted(json.loads(program.communicate(timeout=PATIENCE)[0])["counter"] for program in programs)
+        assert counters == list(range(12))
+
+    def test_fetch_and_forget_follow_a_link(self, token):
+        (token.home / "elsewhere").mkdir()
+        path, link = token.home / "elsewhere" / "a.json", token.home / "link.json"
+        link.symlink_to("elsewhere/a.json")
+        token.good("fetch", "alice", "--file", link, "--server", answering(lambda number: acceptance()), lines=["1"])
+        assert link.is_symlink() and path.is_file()
+        assert token.good("forget", "--file", link, "--yes") == {"forgotten": str(path)}
+        assert not path.exists() and link.is_symlink()
+
+    def test_links_in_a_circle(self, token):
+        link = token.home / "link.json"
+        link.symlink_to(link)
+        for command in (["code"], ["show"], ["forget", "--yes"], ["fetch", "alice"]):
+            assert token.run(*command, "--file", link, lines=["1"]).returncode == FILE_UNUSABLE
+
+    def test_a_second_hard_link_would_give_the_codes_again(self, token):
+        path = token.store()
+        second = token.home / "second.json"
+        second.hardlink_to(path)
+        assert "a second name" in token.fails(FILE_UNUSABLE, "code", "--file", second)
+        second.unlink()
+        assert token.run("code").stdout == "755224\n"
+
+
+@WHATEVER_ENGINE
+class TestInterrupted:
+    def test_no_draft_stays(self, token):
+        """Ended at moments spread over the whole run."""
+        path = token.store()
+        begin = time.monotonic()
+        token.run("code")
+        duration = time.monotonic() - begin
+        for attempt in range(60):
+            program = token.start("code")
+            time.sleep(duration * attempt / 60)
+            program.send_signal(signal.SIGINT if attempt % 2 else signal.SIGTERM)
+            program.communicate(timeout=PATIENCE)
+            drafts = [entry.name for entry in token.folder.iterdir() if entry.name.startswith(".")]
+            assert drafts == [], attempt
+        json.loads(path.read_text())
+
+    @pytest.mark.parametrize("command", [["code"], ["forget", "--yes"]])
+    def test_drafts_of_a_killed_program_are_removed(self, token, command):
+        token.store()
+        draft = token.store(path=token.folder / ".alice.json.draft-aB3xY9")
+        others = [token.store(path=token.folder / name) for name in (".bob.json.draft-aB3xY9", ".alice.json.backup")]
+        assert token.run(*command).returncode == OK
+        assert not draft.exists() and all(other.exists() for other in others)
+
+    @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGINT, signal.SIGPIPE])
+    def test_the_echo_comes_back(self, token, number):
+        program, terminal = pty.fork()
+        if program == 0:
+            signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # Python ignores it
+            os.execve(PROGRAM, [str(PROGRAM), "fetch", "alice", "--server", "127.0.0.1:9"], token.environment)
+        shown = ""
+        while "Password" not in shown:
+            shown += os.read(terminal, 4096).decode()
+        assert not termios.tcgetattr(terminal)[3] & termios.ECHO
+        os.kill(program, number)
+        assert os.waitstatus_to_exitcode(os.waitpid(program, 0)[1]) == -number
+        assert termios.tcgetattr(terminal)[3] & termios.ECHO
+        os.close(terminal)
+
+
+@WHATEVER_ENGINE
+class TestNumbers:
+    def test_a_leading_zero_makes_no_octal_number(self, token):
+        token.store(type="challenge-response")
+        assert token.good("code", "--challenge", "012345")["challenge"] == 12345
+
+    @pytest.mark.parametrize("number", ["-5", "+5", "0x10", "1e3", "", " 5", "5 ", "5.0", "18446744073709551616",
+                                        "18446744073709551621", "9" * 40])
+    def test_plain_numbers_only(self, token, number):
+        token.store(type="challenge-response")
+        for arguments in (["code", f"--challenge={number}"], ["code", "--challenge", number],
+                          ["fetch", "alice", f"--tries={number}"], ["fetch", "alice", f"--timeout={number}"]):
+            result = token.run(*arguments, lines=["1"])
+            assert (result.returncode, result.stdout) == (USAGE, ""), arguments
+
+    @pytest.mark.parametrize("option, most", [("--tries", 20), ("--timeout", 600)])
+    def test_limits(self, token, option, most):
+        for number, exit_code in ((0, USAGE), (1, NO_ANSWER), (most, NO_ANSWER), (most + 1, USAGE)):
+            result = token.run("fetch", "alice", "--server", "127.0.0.1:9", option, number, lines=["1"])
+            assert result.returncode == exit_code, number
+
+    def test_the_largest_challenge(self, token):
+        token.store(type="challenge-response")
+        assert token.good("code", "--challenge", 2**32 - 1)["challenge"] == 2**32 - 1
+
+
+@WHATEVER_ENGINE
+class TestHostileBytes:
+    SECRETS = {"KEY": b"k\x1b]0;x\x07", "PIN": b"p\x9b2J\xff\r", "SECRET": b"s\x1b[2J\x7f", "AUTH_TYPE": b"\x02"}
+
+    def fetch(self, token, *options, **changes):
+        server = answering(lambda number: acceptance(**self.SECRETS | changes))
+        return subprocess.run([PROGRAM, "fetch", "alice", "--server", server, *options], input=b"1\n", check=False,
+                              capture_output=True, env=token.environment, timeout=PATIENCE)
+
+    def raw(self, token, *arguments):
+        return subprocess.run([PROGRAM, *arguments], capture_output=True, env=token.environment, timeout=PATIENCE,
+                              check=False)
+
+    def test_they_are_shown_escaped(self, token):
+        fetched = self.fetch(token, "--show-secrets")
+        shown = self.raw(token, "show", "--show-secrets")
+        for output in (fetched.stdout, shown.stdout):
+            assert rb"k\x1b]0;x\x07" in output and rb"p\x9b2J\xff\x0d" in output
+            assert all(byte == 10 or 32 <= byte < 127 for byte in output)
+        assert rb"s\x1b[2J\x7f" in fetched.stdout
+
+    @pytest.mark.parametrize("pin", [b"\x1b[2J", b"\xff", b"a\xc2\x9bb", b"\x7f", b"a\xff"])
+    def test_json_is_plain_ascii(self, token, pin):
+        fetched = self.fetch(token, "--show-secrets", "--json", PIN=pin)
+        shown = self.raw(token, "show", "--show-secrets", "--json")
+        for output in (fetched.stdout, shown.stdout):
+            assert json.loads(output) and all(byte == 10 or 32 <= byte < 127 for byte in output)
+
+    @pytest.mark.parametrize("options", [[], ["--json"]])
+    @pytest.mark.parametrize("pin", [b"\x1b[2J", b"\xff", b"a\xc2\x9bb", b"\x7f"])
+    def test_a_pin_that_cannot_be_shown_is_not_put_behind_a_code(self, token, pin, options):
+        self.fetch(token, PIN=pin)
+        result = self.raw(token, "code", "--with-pin", *options)
+        assert (result.returncode, result.stdout) == (USAGE, b"") and b"type it yourself" in result.stderr
+        assert json.loads((token.folder / "alice.json").read_text())["next"] == 0
+        assert self.raw(token, "code").returncode == OK
+
+    def test_a_pin_of_any_language_is(self, token):
+        self.fetch(token, PIN="pé".encode())
+        assert self.raw(token, "code", "--with-pin").stdout.decode()[6:] == "pé\n"
+
+
+@WHATEVER_ENGINE
+class TestOutput:
+    """Results that cannot be written."""
+
+    @pytest.mark.parametrize("arguments", [["--help"], ["--version"], ["code", "--help"], ["code"], ["show"], ["show", "--json"],
+                                           ["forget", "--yes"]])
+    @pytest.mark.parametrize("output", ["full", "closed"])
+    def test_it_fails(self, token, arguments, output):
+        token.store()
+        where = ">/dev/full" if output == "full" else ">&-"
+        result = subprocess.run(["sh", "-c", f'"$@" {where}', "sh", str(PROGRAM), *arguments], stderr=subprocess.PIPE,
+                                env=token.environment, timeout=PATIENCE, check=False, text=True)
+        assert result.returncode == FAILED and "standard output cannot be written" in result.stderr
+
+    def test_a_closed_standard_input_or_output_is_not_the_socket(self, token):
+        """A descriptor that is free is the next socket's, and then the result would go to the server."""
+        requests = []
+
+        def script(number):
+            requests.append(number)
+            return acceptance()
+
+        fetch = ["fetch", "alice", "--tries", "1", "--server", answering(script)]
+        for where, exit_code in (("<&-", USAGE), (">&-", FAILED)):
+            result = subprocess.run(["sh", "-c", f'"$@" {where}', "sh", str(PROGRAM), *fetch], input="1\n", check=False,
+                                    stderr=subprocess.PIPE, env=token.environment, timeout=PATIENCE, text=True)
+            assert result.returncode == exit_code, result.stderr
+        assert requests == [1]
 
 
 @WHATEVER_ENGINE

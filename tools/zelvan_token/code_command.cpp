@@ -8,7 +8,7 @@
 #include "zelvan_token/command.h"
 #include "zelvan_token/draw.h"
 #include "zelvan_token/terminal.h"
-#include "zelvan_token/token_file.h"
+#include "zelvan_token/user_name.h"
 
 namespace zelvan::token {
 namespace {
@@ -26,6 +26,11 @@ void check_pin(const SoftToken& token, const Options& options) {
   if (!options.with_pin) return;
   if (!token.pin_follows) return say("This account takes the code alone; no PIN is put behind it.");
   if (token.pin.empty()) throw Failure(kUsage, "the PIN was not kept here: leave out --with-pin and type it yourself");
+  if (is_plain_text(token.pin.reveal())) return;
+  // Escaped it would be another password; as it is it may give orders to the terminal.
+  throw Failure(kUsage,
+                "the PIN holds control characters or is no UTF-8: leave out --with-pin and type it yourself "
+                "(zelvan-token show --show-secrets shows its bytes)");
 }
 
 void write_code(const Common& common, const SoftToken& token, const Options& options, Json json, const Draw& draw) {
@@ -105,7 +110,10 @@ void register_code(CLI::App& program, const Common& common) {
   auto options = std::make_shared<Options>();
   CLI::App* const command = program.add_subcommand("code", "Show the next code; each is shown once");
   add_choice(*command, options->choice, false);
-  command->add_option("--challenge", options->challenge, "The number to answer; challenge-response tokens only")
+  add_number(
+      *command, "--challenge", 0, UINT32_MAX,
+      [options = options.get()](std::uint64_t number) { options->challenge = static_cast<std::uint32_t>(number); },
+      "The number to answer; challenge-response tokens only")
       ->type_name("N");
   command->add_flag("--with-pin", options->with_pin, "Put the PIN behind the code, where the account wants that");
   command->add_flag("--wait", options->wait, "Wait when a time-stepped token has no fresh code yet");

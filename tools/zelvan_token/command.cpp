@@ -2,10 +2,10 @@
 
 #include <fmt/core.h>
 
+#include <charconv>
 #include <cstdio>
 
 #include "zelvan_token/terminal.h"
-#include "zelvan_token/token_file.h"
 #include "zelvan_token/user_name.h"
 
 namespace zelvan::token {
@@ -32,8 +32,8 @@ void add_choice(CLI::App& command, Choice& choice, bool user_required) {
 
 std::filesystem::path chosen_file(const Choice& choice) {
   if (!choice.user.empty()) check_user_name(choice.user);
-  if (!choice.file.empty()) return choice.file;
-  return choice.user.empty() ? only_token() : token_folder() / file_name_of(choice.user);
+  if (!choice.file.empty()) return resolve_links(choice.file);
+  return resolve_links(choice.user.empty() ? only_token() : token_folder() / file_name_of(choice.user));
 }
 
 void check_choice(const Choice& choice, const SoftToken& token) {
@@ -41,9 +41,32 @@ void check_choice(const Choice& choice, const SoftToken& token) {
   throw Failure(kUsage, fmt::format("the token file is that of {}, not of {}", token.user, choice.user));
 }
 
+Damaged damaged_choice(const Choice& choice, const std::filesystem::path& path) {
+  const bool own_place = choice.file.empty() && path.parent_path() == token_folder();
+  return own_place ? Damaged::allowed : Damaged::refused;
+}
+
+CLI::Option* add_number(CLI::App& command, const std::string& name, std::uint64_t least, std::uint64_t most,
+                        const std::function<void(std::uint64_t)>& store, const std::string& description) {
+  const auto read = [=](const std::string& text) {
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stopped_at, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc{} || stopped_at != end || number < least || number > most) {
+      throw CLI::ValidationError(name, fmt::format("\"{}\" is no number from {} to {}", text, least, most));
+    }
+    store(number);
+  };
+  return command.add_option_function<std::string>(name, read, description);
+}
+
 void write_result(const Common& common, const Json& value, const std::string& text) {
-  fmt::print("{}", common.json ? json_text(value) + "\n" : text);
-  if (std::fflush(stdout) != 0) throw Failure(kFailed, "standard output cannot be written");
+  write_text(common.json ? json_text(value) + "\n" : text);
+}
+
+void write_text(const std::string& text) {
+  const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+  if (std::fflush(stdout) != 0 || !written) throw Failure(kFailed, "standard output cannot be written");
 }
 
 void write_failure(const Common& common, const std::string& text, int exit_code) {

@@ -6,10 +6,12 @@
 #include "zelvan_token/command.h"
 #include "zelvan_token/sync_client.h"
 #include "zelvan_token/terminal.h"
-#include "zelvan_token/token_file.h"
 
 namespace zelvan::token {
 namespace {
+
+constexpr int kLongestTimeout = 600;  // seconds
+constexpr int kMostTries = 20;
 
 struct Options {
   Choice choice;
@@ -55,18 +57,28 @@ void report(const Common& common, const SoftToken& token, const SyncToken& recei
   text += describe(token, common.show_secrets);
   if (common.show_secrets) {
     json["shared_secret"] = received.secret.data();
-    text += fmt::format("shared secret {}\n", received.secret.data());
+    text += fmt::format("shared secret {}\n", visible(received.secret.data()));
   }
   write_result(common, json, text);
   if (const std::string warning = clock_warning(token); !warning.empty()) say(warning);
 }
 
+void check_place(const std::filesystem::path& path, const Options& options) {
+  check_replaceable(path, options.choice.user, damaged_choice(options.choice, path));
+}
+
+// The password is good for once, so a file that cannot be written must show before it is sent.
+void prepare_place(const std::filesystem::path& path, const Options& options) {
+  check_place(path, options);
+  make_folder_for(path);
+  const FileLock lock(path);
+  rehearse_save(path);
+}
+
 void fetch(const Common& common, const Options& options) {
   const std::filesystem::path path = chosen_file(options.choice);
   const ServerAddress server = parse_server(options.server);
-  // The password is good for once, so a file that cannot be written must show before it is sent.
-  make_folder_for(path);
-  (void)FileLock(path);
+  prepare_place(path, options);
 
   SyncClient client(server);
   const ServerAnswer answer = run_dialogue(client, options);
@@ -74,6 +86,7 @@ void fetch(const Common& common, const Options& options) {
   if (options.no_pin) token.pin = Secret();
   {
     const FileLock lock(path);
+    check_place(path, options);  // somebody may have put a file there meanwhile
     save_token(path, token);
   }
   report(common, token, answer.reply.token, path);
@@ -88,17 +101,25 @@ void register_fetch(CLI::App& program, const Common& common) {
   command->add_option("--server", options->server, "The server's synchronisation service; port 8801 unless given")
       ->type_name("HOST[:PORT]")
       ->capture_default_str();
-  command->add_option("--timeout", options->patience.seconds, "Seconds to wait for each answer")
-      ->check(CLI::Range(1, 600))
-      ->capture_default_str();
-  command->add_option("--tries", options->patience.tries, "Requests to send before giving up")
-      ->check(CLI::Range(1, 20))
-      ->capture_default_str();
+  Patience& patience = options->patience;
+  add_number(
+      *command, "--timeout", 1, kLongestTimeout,
+      [&patience](std::uint64_t number) { patience.seconds = static_cast<int>(number); },
+      fmt::format("Seconds to wait for each answer, 1 to {}", kLongestTimeout))
+      ->type_name("SECONDS")
+      ->default_str(std::to_string(patience.seconds));
+  add_number(
+      *command, "--tries", 1, kMostTries,
+      [&patience](std::uint64_t number) { patience.tries = static_cast<int>(number); },
+      fmt::format("Requests to send before giving up, 1 to {}", kMostTries))
+      ->type_name("N")
+      ->default_str(std::to_string(patience.tries));
   command->add_flag("--no-pin", options->no_pin, "Do not keep the PIN on this machine");
   command->footer(
       "The password is what the token shows now, with the PIN behind it where the account wants that; for a\n"
       "challenge-response token it is the PIN, and the number that comes back is to be answered.  It is read without\n"
       "echo, or line by line from standard input when that is no terminal.\n\n"
+      "A file that is there already is replaced only when it is the user's token.\n\n"
       "Examples:\n"
       "  zelvan-token fetch alice --server otp.example.org\n"
       "  printf '%s\\n' \"$password\" | zelvan-token fetch alice --json\n");

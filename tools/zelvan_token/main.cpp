@@ -1,5 +1,11 @@
 // zelvan-token: a token on the user's own machine.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
 #include <exception>
+#include <sstream>
 #include <string>
 
 #include "zelvan_token/command.h"
@@ -27,6 +33,20 @@ void describe_program(CLI::App& program, Common& common) {
       "Every command has its own --help.\n");
 }
 
+// Help, the version, or what is wrong with the command line.
+int finish(const CLI::App& program, const CLI::ParseError& error, const Common& common) {
+  if (error.get_exit_code() != 0 && common.json) {
+    write_failure(common, error.what(), kUsage);
+    return kUsage;
+  }
+  std::ostringstream output;
+  std::ostringstream errors;
+  const int code = program.exit(error, output, errors);
+  std::fputs(errors.str().c_str(), stderr);
+  write_text(output.str());
+  return code == 0 ? kOk : kUsage;
+}
+
 int run(int argc, char** argv, Common& common) {
   CLI::App program("Keeps one-time-password tokens of the Zelvan server on your own machine.", "zelvan-token");
   describe_program(program, common);
@@ -38,15 +58,24 @@ int run(int argc, char** argv, Common& common) {
     program.parse(argc, argv);
     return kOk;
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0 || !common.json) return program.exit(error) == 0 ? kOk : kUsage;
-    write_failure(common, error.what(), kUsage);
-    return kUsage;
+    return finish(program, error, common);
+  }
+}
+
+// A descriptor that is closed would be the next file's or socket's, and what is meant for standard output would go
+// there. What stands in for it takes no output and gives no input.
+void occupy_standard_descriptors() {
+  for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(number, F_GETFD) >= 0) continue;
+    (void)::open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY);
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  occupy_standard_descriptors();
+  (void)std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is a failure to report, not the end
   Common common;
   try {
     return run(argc, argv, common);

@@ -6,7 +6,6 @@
 
 #include "zelvan_token/command.h"
 #include "zelvan_token/terminal.h"
-#include "zelvan_token/token_file.h"
 
 namespace zelvan::token {
 namespace {
@@ -16,6 +15,12 @@ std::vector<std::filesystem::path> chosen_files(const Choice& choice) {
   return {chosen_file(choice)};
 }
 
+SoftToken chosen_token(const Choice& choice, const std::filesystem::path& path) {
+  SoftToken token = load_token(resolve_links(path));
+  check_choice(choice, token);
+  return token;
+}
+
 // A token that cannot be read must not hide the others; the first failure is reported at the end.
 void show(const Common& common, const Choice& choice) {
   Json list = Json::array();
@@ -23,8 +28,7 @@ void show(const Common& common, const Choice& choice) {
   std::vector<Failure> failures;
   for (const auto& path : chosen_files(choice)) {
     try {
-      const SoftToken token = load_token(path);
-      check_choice(choice, token);
+      const SoftToken token = chosen_token(choice, path);
       list.push_back(as_json(token, common.show_secrets));
       list.back()["file"] = path.string();
       text += (text.empty() ? "" : "\n") + describe(token, common.show_secrets);
@@ -42,10 +46,12 @@ void show(const Common& common, const Choice& choice) {
 
 void forget(const Common& common, const Choice& choice) {
   const std::filesystem::path path = chosen_file(choice);
+  const Damaged damaged = damaged_choice(choice, path);
   require_token(path);
+  check_replaceable(path, choice.user, damaged);
   const std::string question = fmt::format("Remove the token {}?", path.string());
   if (!common.assume_yes && !confirm(question)) throw Failure(kRefused, "nothing changed");
-  remove_token(path);
+  remove_token(path, choice.user, damaged);
   Json json;
   json["forgotten"] = path.string();
   write_result(common, json, fmt::format("The token {} is removed. The server still knows it.\n", path.string()));
@@ -69,6 +75,7 @@ void register_forget(CLI::App& program, const Common& common) {
   CLI::App* const command = program.add_subcommand("forget", "Remove a token from this machine");
   add_choice(*command, *choice, false);
   command->footer(
+      "Nothing but a token is removed.\n\n"
       "Examples:\n"
       "  zelvan-token forget alice\n"
       "  zelvan-token forget alice --yes\n");

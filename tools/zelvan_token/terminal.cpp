@@ -1,8 +1,10 @@
 #include "zelvan_token/terminal.h"
 
+#include <signal.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <optional>
 
@@ -14,12 +16,51 @@ namespace {
 constexpr std::size_t kLongestLine = 255;
 constexpr char kInterrupt = 3;  // Ctrl-C
 
+constexpr std::array kEndingSignals = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM};
+
+termios terminal_before_prompt{};  // read by the handler
+
+// The signal then does what it does by default (SA_RESETHAND), as soon as this returns.
+extern "C" void restore_echo_and_end(int number) {
+  (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminal_before_prompt);
+  (void)raise(number);
+}
+
+// Restores the terminal when a signal ends the program during its life.  A signal that is ignored stays so.
+class EndingSignalsRestoreEcho {
+ public:
+  EndingSignalsRestoreEcho() {
+    struct sigaction action {};
+    action.sa_handler = restore_echo_and_end;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    (void)sigemptyset(&action.sa_mask);
+    (void)sigaddset(&action.sa_mask, SIGTTOU);  // in the background tcsetattr() would stop the program
+    for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
+      (void)sigaction(kEndingSignals[i], nullptr, &before_[i]);
+      if (before_[i].sa_handler != SIG_IGN) (void)sigaction(kEndingSignals[i], &action, nullptr);
+    }
+  }
+  ~EndingSignalsRestoreEcho() {
+    for (std::size_t i = 0; i < kEndingSignals.size(); ++i) (void)sigaction(kEndingSignals[i], &before_[i], nullptr);
+  }
+  EndingSignalsRestoreEcho(const EndingSignalsRestoreEcho&) = delete;
+  EndingSignalsRestoreEcho& operator=(const EndingSignalsRestoreEcho&) = delete;
+
+ private:
+  std::array<struct sigaction, kEndingSignals.size()> before_{};
+};
+
+termios present_terminal() {
+  termios present{};
+  if (tcgetattr(STDIN_FILENO, &present) != 0) throw Failure(kFailed, "cannot turn off the terminal's echo");
+  return present;
+}
+
 // Turns off the echo of standard input, and back on at the end.  Ctrl-C arrives as a character that ends the line, so
-// that breaking off cannot leave the terminal mute.
+// that breaking off cannot leave the terminal mute; nor can a signal from elsewhere.
 class NoEcho {
  public:
   NoEcho() {
-    if (tcgetattr(STDIN_FILENO, &before_) != 0) throw Failure(kFailed, "cannot turn off the terminal's echo");
     termios quiet = before_;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
     quiet.c_lflag |= ECHONL;
@@ -31,7 +72,8 @@ class NoEcho {
   NoEcho& operator=(const NoEcho&) = delete;
 
  private:
-  termios before_{};
+  const termios before_ = terminal_before_prompt = present_terminal();
+  const EndingSignalsRestoreEcho signals_;  // set before the echo goes, taken back once it is there again
 };
 
 // Reads a line byte by byte, so that nothing beyond it is taken.  Nothing at the end of the input, or on Ctrl-C.

@@ -20,6 +20,14 @@ bool is_plain(char c) {
 
 bool is_control(char c) { return (static_cast<unsigned char>(c) < 0x20) || c == 0x7F; }
 
+// U+0080 to U+009F: C2 80 to C2 9F.
+bool holds_c1_control(std::string_view text) {
+  for (std::size_t at = text.find('\xC2'); at != std::string_view::npos; at = text.find('\xC2', at + 1)) {
+    if (at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) < 0xA0) return true;
+  }
+  return false;
+}
+
 bool is_utf8(std::string_view text) {
   try {
     (void)nlohmann::json(std::string(text)).dump();
@@ -31,13 +39,17 @@ bool is_utf8(std::string_view text) {
 
 }  // namespace
 
+bool is_plain_text(std::string_view text) {
+  return is_utf8(text) && std::ranges::none_of(text, is_control) && !holds_c1_control(text);
+}
+
 void check_user_name(std::string_view name) {
   if (name.empty()) throw Failure(kUsage, "the user name is empty");
   if (name.size() > kSyncFieldLimit) {
     throw Failure(kUsage,
                   fmt::format("the user name has {} bytes; the service takes {}", name.size(), kSyncFieldLimit));
   }
-  if (std::ranges::any_of(name, is_control) || !is_utf8(name)) {
+  if (!is_plain_text(name)) {
     throw Failure(kUsage, "the user name holds control characters or is no UTF-8");
   }
 }

@@ -6,6 +6,9 @@
 
 namespace zelvan::token {
 
+// Returns whether a text is UTF-8 without control characters (also those from U+0080 to U+009F).
+bool is_plain_text(std::string_view text);
+
 // Throws Failure (kUsage) unless `name` has 1 to 30 bytes of UTF-8 without control characters.
 void check_user_name(std::string_view name);
 

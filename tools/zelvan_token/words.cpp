@@ -41,6 +41,15 @@ std::string counter_line(const SoftToken& token) {
 
 std::string seconds_text(std::int64_t seconds) { return fmt::format("{} second{}", seconds, seconds == 1 ? "" : "s"); }
 
+std::string visible(std::string_view text) {
+  std::string shown;
+  for (const char c : text) {
+    const bool printable = c >= ' ' && c <= '~';
+    shown += printable ? std::string(1, c) : fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
+  }
+  return shown;
+}
+
 std::string describe(const SoftToken& token, bool show_secrets) {
   std::string text = fmt::format("user          {}\n", token.user);
   text += fmt::format("server        {}\n", token.server);
@@ -49,8 +58,8 @@ std::string describe(const SoftToken& token, bool show_secrets) {
   text += counter_line(token);
   text += fmt::format("fetched       {}, by the server's clock\n", utc_text(token.fetched_at));
   if (show_secrets) {
-    text += fmt::format("key           {}\n", token.key.reveal());
-    text += fmt::format("PIN           {}\n", token.pin.reveal());
+    text += fmt::format("key           {}\n", visible(token.key.reveal()));
+    text += fmt::format("PIN           {}\n", visible(token.pin.reveal()));
   }
   return text;
 }
@@ -82,6 +91,6 @@ std::string clock_warning(const SoftToken& token) {
       seconds_text(std::llabs(token.clock_offset)), token.clock_offset > 0 ? "behind" : "ahead of");
 }
 
-std::string json_text(const Json& value) { return value.dump(2, ' ', false, Json::error_handler_t::replace); }
+std::string json_text(const Json& value) { return value.dump(2, ' ', true, Json::error_handler_t::replace); }
 
 }  // namespace zelvan::token

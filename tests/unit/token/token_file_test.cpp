@@ -68,7 +68,7 @@ class TokenFile : public test::Folder {
 
 TEST_F(TokenFile, ThatIsMissingIsNotFound) {
   EXPECT_EQ(kNotFound, load_failure());
-  EXPECT_EQ(kNotFound, failure_of([&] { remove_token(path_); }));
+  EXPECT_EQ(kNotFound, failure_of([&] { remove_token(path_, "", Damaged::allowed); }));
   EXPECT_TRUE(names().empty());
 }
 
@@ -136,6 +136,99 @@ TEST_F(TokenFile, ReplacesASymbolicLinkNotItsTarget) {
   EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path_)));
 }
 
+TEST_F(TokenFile, ThatIsASymbolicLinkIsNotRead) {
+  save_token(folder_ / "target", event_token());
+  std::filesystem::create_symlink("target", path_);
+  EXPECT_EQ(kFileUnusable, load_failure());
+  EXPECT_EQ(folder_ / "target", resolve_links(path_));
+}
+
+TEST_F(TokenFile, IsFoundBehindLinks) {
+  std::filesystem::create_symlink("second", path_);
+  std::filesystem::create_symlink(folder_ / "third", folder_ / "second");
+  EXPECT_EQ(folder_ / "third", resolve_links(path_));
+  EXPECT_EQ(folder_ / "third", resolve_links(folder_ / "third"));
+  std::filesystem::create_symlink(path_, folder_ / "third");
+  EXPECT_EQ(kFileUnusable, failure_of([&] { (void)resolve_links(path_); }));
+}
+
+TEST_F(TokenFile, WithASecondNameIsNotUsed) {
+  save_token(path_, event_token());
+  std::filesystem::create_hard_link(path_, folder_ / "second");
+  EXPECT_EQ(kFileUnusable, load_failure());
+}
+
+TEST_F(TokenFile, TakesTheDraftsOfAKilledProcessAway) {
+  const auto leave_drafts = [&] {
+    for (const char* const name : {".alice.json.draft-aB3xY9", ".alice.json.draft-long123", ".alice.json.backup"}) {
+      std::ofstream(folder_ / name) << "key";
+    }
+  };
+  leave_drafts();
+  save_token(path_, event_token());
+  EXPECT_THAT(names(), ElementsAre(".alice.json.backup", ".alice.json.draft-long123", "alice.json"));
+  leave_drafts();
+  remove_token(path_, "", Damaged::refused);
+  EXPECT_THAT(names(), ElementsAre(".alice.json.backup", ".alice.json.draft-long123"));
+}
+
+TEST_F(TokenFile, IsRehearsedWithoutATrace) {
+  rehearse_save(path_);
+  EXPECT_TRUE(names().empty());
+  EXPECT_EQ(kFileUnusable, failure_of([&] { rehearse_save(folder_ / "no" / "x.json"); }));
+}
+
+class Replaceable : public TokenFile {
+ protected:
+  [[nodiscard]] ExitCode check(std::string_view user, Damaged damaged) const {
+    return failure_of([&] { check_replaceable(path_, user, damaged); });
+  }
+};
+
+TEST_F(Replaceable, IsWhatIsNotThere) { EXPECT_EQ(kOk, check("alice", Damaged::refused)); }
+
+TEST_F(Replaceable, IsTheUsersTokenWhoeverMayReadIt) {
+  save_token(path_, event_token());
+  ASSERT_EQ(0, ::chmod(path_.c_str(), 0644));
+  EXPECT_EQ(kOk, check("alice", Damaged::refused));
+  EXPECT_EQ(kOk, check("", Damaged::refused));
+}
+
+TEST_F(Replaceable, IsNotAnothersToken) {
+  save_token(path_, event_token());
+  EXPECT_EQ(kUsage, check("bob", Damaged::allowed));
+  EXPECT_EQ(kUsage, failure_of([&] { remove_token(path_, "bob", Damaged::allowed); }));
+  EXPECT_TRUE(std::filesystem::exists(path_));
+}
+
+TEST_F(Replaceable, IsADamagedTokenWhereThatIsAllowed) {
+  for (const std::string& text : {std::string(), std::string("notes"), std::string(64 * 1024 + 1, ' ')}) {
+    write(text);
+    EXPECT_EQ(kFileUnusable, check("alice", Damaged::refused)) << text.size();
+    EXPECT_EQ(kOk, check("alice", Damaged::allowed)) << text.size();
+  }
+}
+
+TEST_F(Replaceable, IsNoFileOfAnother) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may give a file away";
+  save_token(path_, event_token());
+  ASSERT_EQ(0, ::chown(path_.c_str(), 12345, 12345));
+  EXPECT_EQ(kFileUnusable, check("alice", Damaged::allowed));
+}
+
+TEST_F(Replaceable, IsNothingButAPlainFile) {
+  ASSERT_EQ(0, ::mkfifo(path_.c_str(), 0600));
+  EXPECT_EQ(kFileUnusable, check("alice", Damaged::allowed));
+  ASSERT_EQ(0, ::unlink(path_.c_str()));
+  ASSERT_EQ(0, ::mkdir(path_.c_str(), 0700));
+  EXPECT_EQ(kFileUnusable, check("alice", Damaged::allowed));
+  path_ = folder_ / "new" / "";
+  EXPECT_EQ(kFileUnusable, check("alice", Damaged::allowed));
+  path_ = folder_ / "target";
+  std::filesystem::create_symlink("nowhere", path_);
+  EXPECT_EQ(kFileUnusable, check("alice", Damaged::allowed));
+}
+
 TEST_F(TokenFile, StaysWholeWhenTheNewOneCannotBeWritten) {
   SoftToken token = event_token();
   save_token(path_, token);
@@ -171,7 +264,7 @@ TEST_F(TokenFile, IsAlwaysWholeForAReader) {
 
 TEST_F(TokenFile, GoesWithItsLockFile) {
   save_token(path_, event_token());
-  remove_token(path_);
+  remove_token(path_, "alice", Damaged::refused);
   EXPECT_TRUE(names().empty());
 }
 
@@ -247,11 +340,43 @@ TEST_F(Locked, HoldsBackWhoeverWaitsForARemovedLockFile) {
     EXPECT_EQ(kFileUnusable, failure_of([&] { const FileLock third(path_, 0); }));
   });
   while (open_locks() < 2) ::usleep(1000);
-  first->remove_file();
   EXPECT_FALSE(got);
-  first.reset();
+  first.reset();  // there is no token, so the lock file goes
   waiter.join();
   EXPECT_TRUE(got);
+}
+
+TEST_F(Locked, LeavesNoLockFileWithoutAToken) {
+  { const FileLock lock(path_); }
+  EXPECT_TRUE(names().empty());
+}
+
+TEST_F(Locked, KeepsTheLockFileOfAToken) {
+  save_token(path_, event_token());
+  { const FileLock lock(path_); }
+  EXPECT_THAT(names(), ElementsAre("alice.json", "alice.json.lock"));
+}
+
+TEST_F(Locked, KeepsALockFileThatHoldsSomethingOrIsNoFile) {
+  std::ofstream(path_.string() + ".lock") << "mine";
+  { const FileLock lock(path_); }
+  EXPECT_THAT(names(), ElementsAre("alice.json.lock"));
+  std::filesystem::remove(path_.string() + ".lock");
+  ASSERT_EQ(0, ::mkfifo((path_.string() + ".lock").c_str(), 0600));
+  { const FileLock lock(path_); }
+  EXPECT_THAT(names(), ElementsAre("alice.json.lock"));
+}
+
+TEST_F(Locked, HoldsBackSignalsUntilTheEndOfItsScope) {
+  sigset_t pending{};
+  sigset_t blocked{};
+  {
+    const FileLock lock(path_);
+    ASSERT_EQ(0, ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked));
+    for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP}) EXPECT_EQ(1, sigismember(&blocked, number));
+  }
+  ASSERT_EQ(0, ::pthread_sigmask(SIG_BLOCK, nullptr, &pending));
+  EXPECT_EQ(0, sigismember(&pending, SIGTERM));
 }
 
 TEST_F(Locked, DoesNotFollowASymbolicLink) {

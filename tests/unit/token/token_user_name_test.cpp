@@ -23,6 +23,8 @@ TEST(UserName, HoldsNoControlCharacters) {
   EXPECT_EQ(kUsage, checked("a\x1B[2J"));
   EXPECT_EQ(kUsage, checked(std::string("a\0b", 3)));
   EXPECT_EQ(kUsage, checked("a\x7F"));
+  EXPECT_EQ(kUsage, checked("a\xC2\x9Bm"));
+  EXPECT_EQ(kOk, checked("\xC2\xA0\xC3\x9B"));
 }
 
 TEST(UserName, IsUtf8) {

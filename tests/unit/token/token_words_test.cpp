@@ -65,10 +65,26 @@ TEST(Words, WarnOfNoClockWhereNoneCounts) {
   EXPECT_EQ("", clock_warning(token));
 }
 
-TEST(Words, AreJsonWhateverTheBytes) {
+TEST(Words, AreJsonInAsciiWhateverTheBytes) {
   SoftToken token = event_token();
-  token.key = Secret("\xFF\xFE");
-  EXPECT_TRUE(Json::accept(json_text(as_json(token, true))));
+  for (int byte = 1; byte < 256; ++byte) {
+    token.key = Secret(std::string(1, static_cast<char>(byte)));
+    token.pin = Secret("\xC2" + token.key.reveal());
+    const std::string text = json_text(as_json(token, true));
+    EXPECT_TRUE(Json::accept(text)) << byte;
+    EXPECT_TRUE(std::ranges::all_of(text, [](char c) { return c == '\n' || (c >= ' ' && c <= '~'); })) << byte;
+  }
+}
+
+TEST(Words, GiveNoOrdersToATerminal) {
+  EXPECT_EQ("", visible(""));
+  EXPECT_EQ("plain ~ text \\", visible("plain ~ text \\"));
+  EXPECT_EQ("\\x1b[2J\\x07\\x7f\\x9b\\xff\\x0a", visible("\x1B[2J\x07\x7F\x9B\xFF\n"));
+  SoftToken token = event_token();
+  token.key = Secret("k\x1B");
+  token.pin = Secret("p\x9B");
+  EXPECT_THAT(describe(token, true), HasSubstr("k\\x1b\n"));
+  EXPECT_THAT(describe(token, true), HasSubstr("p\\x9b\n"));
 }
 
 }  // namespace
