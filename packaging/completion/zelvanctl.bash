@@ -24,7 +24,7 @@ _zelvanctl_words() {
     'token list' | 'token export') echo '--spare' ;;
     'token show') echo '--serial' ;;
     'token qr') echo '--serial --issuer' ;;
-    'token resync') echo '--serial --window --backward' ;;
+    'token resync') echo '--serial --window --backward --just-read' ;;
     'token replace') echo "--keep-old $new_token" ;;
     'token import') echo '--dry-run' ;;
   esac

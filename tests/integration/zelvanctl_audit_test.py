@@ -101,6 +101,12 @@ class TestLogFiles:
     def test_no_log_is_told(self, still, tmp_path):
         assert "--directory" in Tool.beside(still).run("audit", cwd=tmp_path, code=UNREACHABLE).stderr
 
+    def test_following_a_log_that_is_not_there_is_told(self, still, tmp_path):
+        process = Tool.beside(still).start("audit", "--follow", cwd=tmp_path)
+        assert "--directory" in process.stderr.readline()
+        process.terminate()
+        process.communicate()
+
     def test_following_over_a_rotation(self, still):
         """The last lines of a file that is moved aside are shown, then those of the new one."""
         log = still.run_folder / "log" / "otplog.log"

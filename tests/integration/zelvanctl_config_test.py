@@ -1,16 +1,20 @@
 """zelvanctl config: what it finds in a settings file and around it, and how it edits the file."""
 
+import json
 import os
 import re
 import resource
+import signal
 import socket
 import stat
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
 
 from testbed import engine
+from testbed.daemon import wait_until
 from testbed.ports import free_port
 from testbed.zelvanctl import FAILED, NOT_FOUND, OK, REFUSED, UNREACHABLE, USAGE, Tool
 
@@ -307,6 +311,55 @@ class TestSet:
         done = here.tool.run("config", "set", "otp_mail_need", "1")
         assert "otp_smtp_server" in done.stderr and "without a word" in done.stderr
 
+    def test_edits_at_once_lose_nothing_silently(self, here):
+        keys = ["otp_wnd", "otp_max_accum", "otp_maxthread", "otp_maxidletime", "otp_logsize", "otp_keylen"]
+        for number in range(5):
+            running = [(key, here.tool.start("config", "set", key, str(20 + number))) for key in keys]
+            codes = {key: process.communicate() and process.returncode for key, process in running}
+            assert set(codes.values()) <= {OK, REFUSED} and OK in codes.values(), codes
+            text = here.settings.read_text()
+            for key, code in codes.items():
+                assert (f"{key}={20 + number}\n" in text) == (code == OK), (codes, text)
+        assert os.listdir(here.settings.parent) == ["otp_conf.con"]
+
+    def test_only_regular_files_are_edited(self, here):
+        """A null device of our own: root may make one, others have the system's, which they could not replace."""
+        device = here.folder / "device"
+        try:
+            os.mknod(device, 0o600 | stat.S_IFCHR, os.makedev(1, 3))
+        except PermissionError:
+            pytest.skip("only root makes devices")
+        try:
+            open(device, "rb").close()
+        except PermissionError:
+            pytest.skip("devices do not work in this folder")
+        done = here.tool.run("--config", str(device), "config", "set", "otp_wnd", "7", "--yes", code=REFUSED)
+        assert "no regular file" in done.stderr and stat.S_ISCHR(os.stat(device).st_mode)
+
+    def test_an_interrupt_leaves_no_copy(self, here):
+        """Interrupted at moments all over its run; the file is the old one or the new one."""
+        before = "[options]\n" + "; a line\n" * 3000
+        for delay in range(40):
+            here.write(before)
+            process = here.tool.start("config", "set", "otp_wnd", "7")
+            wait_until(lambda: len(os.listdir(here.settings.parent)) > 1 or process.poll() is not None, "a copy")
+            time.sleep(delay % 5 * 0.0005)
+            process.send_signal(signal.SIGINT)
+            process.communicate()
+            assert os.listdir(here.settings.parent) == ["otp_conf.con"]
+            assert here.settings.read_text() in (before, before + "otp_wnd=7\n")
+
+    def test_a_key_that_stands_for_comments_stops_it(self, here):
+        text = "[options]\ncomment_t=hello\notp_wnd=5\n"
+        here.write(text)
+        assert "line 2 has the key comment_t" in here.tool.run("config", "set", "otp_wnd", "9", "--yes", code=REFUSED).stderr
+        assert here.settings.read_text() == text
+
+    def test_warnings_are_json_when_asked_for(self, here):
+        done = here.tool.run("config", "set", "otp_mail_need", "1", "--json")
+        warnings = [json.loads(line)["warning"] for line in done.stderr.splitlines()]
+        assert any("otp_smtp_server" in warning for warning in warnings)
+
     def test_lines_that_cannot_be_written_back_stop_it(self, here):
         here.write("[options]\n;" + "x" * 1100 + "\n")
         assert "longer than 1022" in here.tool.run("config", "set", "otp_wnd", "7", "--yes", code=REFUSED).stderr
@@ -348,6 +401,13 @@ class TestUnset:
 
     def test_tells_what_is_missing_then(self, here):
         assert "Get database connection params failed" in here.tool.run("config", "unset", "otp_dsn").stderr
+
+    def test_a_secret_goes_with_a_yes_only(self, here):
+        before = here.settings.read_text()
+        assert "Confirm with --yes" in here.tool.run("config", "unset", "127.0.0.1", code=REFUSED).stderr
+        assert here.settings.read_text() == before
+        here.tool.run("config", "unset", "127.0.0.1", "--yes")
+        assert "127.0.0.1" not in here.settings.read_text()
 
     def test_refuses_what_is_not_there(self, here):
         here.tool.run("config", "unset", "otp_wnd", code=NOT_FOUND)

@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import stat
 import subprocess
 
 import pytest
@@ -89,6 +90,21 @@ class TestInit:
         here.tool.run("user", "add", "alice")
         assert here.tool.json("db", "init")["created"] == []
         assert [row[0] for row in here.db.run("select username from userinfo")] == ["alice"]
+
+    @ONLY_SQLITE
+    def test_a_new_database_file_is_its_owners(self, here):
+        """Keys and PINs are in it."""
+        path = here.odbc_ini.parent / "new.db"
+        here.odbc_ini.write_text(re.sub(r"Database *=.*", f"Database={path}", here.odbc_ini.read_text()))
+        before = os.umask(0o022)
+        try:
+            here.tool.run("db", "init")
+        finally:
+            os.umask(before)
+        assert {stat.S_IMODE(os.stat(file).st_mode) for file in path.parent.glob("new.db*")} == {0o600}
+        assert here.findings(OK) == []
+        path.chmod(0o604)
+        assert [found[:2] for found in here.findings(OK)] == [("warning", str(path))]
 
     def test_the_tables_are_those_of_the_sql_file(self, here, install):
         here.tool.run("db", "init")

@@ -1,5 +1,6 @@
 """zelvanctl doctor: what it says about a server that works and about one that does not; man page and completion."""
 
+import json
 import os
 import re
 import shutil
@@ -119,14 +120,38 @@ class TestSick:
         assert "JournalMode=WAL" in told(steps(Tool.beside(daemon), FAILED)["journal"])
 
     @ONLY_SQLITE
-    def test_a_low_threading_level(self, prepare, tmp_path):
+    def test_a_database_that_others_may_read(self, running):
+        path = running.folder / "zelvan.db"
+        path.chmod(0o640)
+        told_now = told(steps(Tool.beside(running))["database"])
+        assert f"warning {path}: has the mode 640" in told_now
+
+    def test_another_program_beside_the_server_is_not_taken_for_it(self, prepare):
         daemon = prepare()
-        system = tmp_path / "odbcinst"
-        system.mkdir()
-        text = Path("/etc/odbcinst.ini").read_text()
-        (system / "odbcinst.ini").write_text(text.replace("[SQLite3]", "[SQLite3]\nThreading=1"))
-        found = steps(Tool.beside(daemon), FAILED, ODBCSYSINI=str(system))
-        assert "Threading=1" in told(found["database"])
+        other = daemon.executable.parent / "helper"
+        shutil.copy2("/usr/bin/sleep", other)
+        process = subprocess.Popen([str(other), "100"], cwd=daemon.folder)
+        try:
+            found = steps(Tool.beside(daemon), FAILED, "--directory", str(daemon.run_folder))
+            assert "no running server" in told(found["server"])
+        finally:
+            process.kill()
+            process.wait()
+
+    @pytest.mark.skipif(os.geteuid() != 0, reason="only root may run as another user")
+    @ONLY_SQLITE
+    def test_a_server_hidden_from_this_user(self, running):
+        """The log of a server that is still there ends with its start."""
+        for folder in [running.folder, *running.folder.parents][:-2]:
+            folder.chmod(folder.stat().st_mode | 0o755)
+        for path in running.folder.rglob("*"):
+            path.chmod(0o777)
+        tool = Tool.beside(running)
+        done = subprocess.run(tool.command("doctor", "--json", "--directory", str(running.run_folder)), user=65534,
+                              group=65534, extra_groups=[], env=tool.environment, capture_output=True, text=True, check=False)
+        found = {step["name"]: step for step in json.loads(done.stdout)["steps"]}
+        assert "its process is hidden" in told(found["server"])
+        assert found["start-up log"]["findings"] == [] and found["probe"]["findings"] == []
 
     def test_a_missing_settings_file(self, prepare):
         daemon = prepare()

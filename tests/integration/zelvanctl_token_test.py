@@ -1,10 +1,16 @@
 """zelvanctl token: making, replacing, resynchronising, and CSV files."""
 
 import os
+import signal
 import stat
+import subprocess
+import threading
+import time
 
 import pytest
 
+from testbed.daemon import wait_until
+from testbed.database import utc
 from testbed.radius import ACCEPT, REJECT
 from testbed.zelvanctl import FAILED, NOT_FOUND, REFUSED, USAGE, Tool, oathtool
 
@@ -105,6 +111,192 @@ class TestResync:
         tool.run("token", "resync", "resc", "123456", "123456", code=REFUSED)
 
 
+class TestResyncOfTimeTokens:
+    """Codes come from a token with the right clock, unless the test says otherwise."""
+
+    STEP = 30
+
+    def code(self, key, seconds):
+        return oathtool("--totp", "--now", utc(seconds) + " UTC", key=key)
+
+    def resync(self, tool, name, seconds, *options, **expected):
+        """With the code of so many seconds from now and the one after it."""
+        return tool.run("token", "resync", name, *self.pair(tool.key(name), seconds), *options, **expected)
+
+    def pair(self, key, seconds):
+        """Two codes in a row, also when a step ends meanwhile."""
+        return oathtool("--totp", "--window", "1", "--now", utc(seconds) + " UTC", key=key).split()
+
+    @pytest.fixture
+    def watch(self, daemon):
+        """Sets the server's clock forward and returns the offset; back at the end."""
+        offsets = []
+
+        def advance(seconds):
+            offsets.append(seconds)
+            daemon.advance(seconds)
+            return sum(offsets)
+
+        yield advance
+        daemon.advance(-sum(offsets))
+
+    @pytest.mark.parametrize("ago", [30, 90, 210, 310])
+    def test_the_present_code_is_accepted_now_and_later(self, client, tool, watch, ago):
+        name = f"old{ago}"
+        tool.run("user", "add", name)
+        key = tool.key(name)
+        self.resync(tool, name, -ago)
+        if ago > 30:  # else the code of the present step is one of the two
+            assert client.pap(name, self.code(key, 0)).code == ACCEPT
+            self.resync(tool, name, -ago, "--backward")
+        offset = watch(1000)
+        assert client.pap(name, self.code(key, offset)).code == ACCEPT
+        offset = watch(100)
+        assert client.pap(name, self.code(key, offset)).code == ACCEPT
+
+    def test_the_two_codes_are_used_up(self, client, tool):
+        tool.run("user", "add", "used-up")
+        key = tool.key("used-up")
+        codes = self.pair(key, -120)
+        tool.run("token", "resync", "used-up", *codes)
+        for code in codes:
+            assert client.pap("used-up", code).code == REJECT
+        assert client.pap("used-up", self.code(key, 0)).code == ACCEPT
+
+    def test_codes_older_than_the_window_are_refused(self, db, tool):
+        tool.run("user", "add", "too-old")
+        before = db.everything()
+        said = self.resync(tool, "too-old", -1200, "--backward", code=REFUSED).stderr
+        assert "19 minutes behind" in said and "--just-read" in said
+        assert db.everything() == before
+
+    @pytest.mark.parametrize("drift, options", [(-1200, ["--just-read"]), (-150, []), (90, []), (1200, [])])
+    def test_a_token_with_a_wrong_clock(self, client, tool, watch, drift, options):
+        name = f"drift{drift}"
+        tool.run("user", "add", name)
+        key = tool.key(name)
+        self.resync(tool, name, drift - self.STEP, "--backward", *options)
+        offset = watch(self.STEP)
+        assert client.pap(name, self.code(key, drift + offset)).code == ACCEPT
+        offset = watch(3000)
+        assert client.pap(name, self.code(key, drift + offset)).code == ACCEPT
+
+    def test_a_token_that_counts_from_another_year(self, client, tool, watch, tmp_path):
+        """Its row tells where it should be; old codes do not spoil it either."""
+        path = tmp_path / "tokens.csv"
+        path.write_text(f"serial,key,type,counter,date,user\nODD-1,{KEY},time,1000,{utc(-60)},odd\n")
+        tool.run("token", "import", str(path))
+        codes = [oathtool(f"-c{factor}", key=KEY) for factor in (1000, 1001, 1002, 1102)]
+        tool.run("token", "resync", "odd", codes[0], codes[1])
+        assert client.pap("odd", codes[2]).code == ACCEPT
+        watch(3000)
+        assert client.pap("odd", codes[3]).code == ACCEPT
+        assert "not those of the clock" in tool.run("token", "qr", "odd", code=REFUSED).stderr
+        assert "cannot take it" in tool.run("token", "show", "odd").stdout
+
+
+class TestRaces:
+    """What changes while a prompt waits."""
+
+    QUESTION = ("[y/N] ", "y")
+
+    def meanwhile(self, tool, *arguments, by, answers=None):
+        """Runs the command at a terminal; `by` happens while its prompt waits."""
+        first, *more = answers or [self.QUESTION]
+        return tool.at_terminal(*arguments, answers=[(first[0], first[1], by), *more], code=REFUSED)
+
+    def orphans(self, db):
+        return db.run("select serialnum from keyinfo where serialnum like 'Z%' and serialnum not in "
+                      "(select serialnum from userinfo)")
+
+    def test_replacing_twice(self, db, tool):
+        tool.run("user", "add", "rr", "--serial", "RR-1")
+        screen = self.meanwhile(tool, "token", "replace", "rr",
+                                by=lambda: tool.run("token", "replace", "rr", "--yes", "--serial", "RR-2"))
+        assert "given another token" in screen
+        assert serial_of(tool, "rr") == "RR-2" and self.orphans(db) == []
+
+    def test_replacing_the_token_of_a_user_who_goes(self, db, tool):
+        tool.run("user", "add", "rg")
+        self.meanwhile(tool, "token", "replace", "rg", by=lambda: tool.run("user", "remove", "rg", "--yes"))
+        assert self.orphans(db) == []
+
+    def test_removing_a_user_who_gets_another_token(self, tool):
+        tool.run("user", "add", "ug")
+        self.meanwhile(tool, "user", "remove", "ug", by=lambda: tool.run("token", "replace", "ug", "--yes"))
+        assert tool.json("token", "show", "ug")["user"] == "ug"
+
+    def test_removing_a_user_who_goes(self, tool):
+        tool.run("user", "add", "ugg")
+        self.meanwhile(tool, "user", "remove", "ugg", by=lambda: tool.run("user", "remove", "ugg", "--yes"))
+
+    def test_a_pin_for_a_user_who_goes(self, tool):
+        tool.run("user", "add", "pg")
+        screen = self.meanwhile(tool, "user", "set", "pg", "--pin", by=lambda: tool.run("user", "remove", "pg", "--yes"),
+                                answers=[("PIN for pg: ", "1234"), ("Again: ", "1234")])
+        assert "removed by someone else" in screen
+
+    def test_removing_a_token_that_somebody_gets(self, tool):
+        tool.run("token", "new", "--serial", "SP-1")
+        self.meanwhile(tool, "token", "remove", "SP-1", by=lambda: tool.run("user", "add", "uu", "--token", "SP-1"))
+        assert tool.json("token", "show", "uu")["serial"] == "SP-1"
+
+    def test_taking_a_token_that_goes_or_is_taken(self, tool):
+        for number, by in enumerate([("token", "remove", "SP-2", "--yes"), ("user", "add", "taker", "--token", "SP-2")]):
+            tool.run("token", "new", "--serial", "SP-2")
+            self.meanwhile(tool, "user", "add", f"late{number}", "--token", "SP-2", "--pin",
+                           by=lambda by=by: tool.run(*by),
+                           answers=[(f"PIN for late{number}: ", "1"), ("Again: ", "1")])
+            tool.run("user", "show", f"late{number}", code=NOT_FOUND)
+
+    def test_many_at_once(self, db, tool):
+        tool.run("user", "add", "busy", "--serial", "BUSY")
+        running = [tool.start("token", "replace", "busy", "--yes") for _ in range(6)]
+        codes = []
+        for process in running:
+            process.communicate()
+            codes.append(process.returncode)
+        assert set(codes) <= {0, REFUSED} and 0 in codes
+        assert len(db.run("select * from userinfo join keyinfo using (serialnum) where username = 'busy'")) == 1
+        assert self.orphans(db) == []
+
+
+class TestNumbers:
+    @pytest.mark.parametrize("number", ["-5", "0x10", "18446744073709551616", "1e3", "", " 1", "+1"])
+    def test_only_plain_decimal_numbers(self, db, tool, number):
+        before = db.everything()
+        tool.run("token", "new", "--type", "event", f"--counter={number}", code=USAGE)
+        tool.run("token", "new", f"--window={number}", code=USAGE)
+        tool.run("token", "resync", "nobody", "111111", "222222", f"--window={number}", code=USAGE)
+        tool.run("user", "list", f"--failures={number}", code=USAGE)
+        tool.run("probe", "x", f"--timeout={number}", code=USAGE)
+        assert db.everything() == before
+
+    def test_zeros_at_the_front_mean_nothing(self, tool):
+        made = tool.json("token", "new", "--type", "event", "--counter", "010", "--digits", "08", "--window", "010")
+        assert (made["token"]["counter"], made["token"]["digits"], made["token"]["window"]) == (10, 8, 10)
+
+
+class TestHandingOut:
+    def test_no_hint_at_a_qr_code_that_cannot_be(self, tool):
+        assert "token qr" in tool.run("user", "add", "hint1").stdout
+        assert "token qr" not in tool.run("user", "add", "hint2", "--type", "challenge").stdout
+        assert "token qr" not in tool.run("token", "replace", "hint1", "--digits", "10", "--yes").stdout
+
+    def test_an_issuer_too_long_for_a_qr_code(self, db, tool):
+        tool.run("user", "add", "issuer")
+        before = db.everything()
+        for command in (["user", "add", "issuer2"], ["token", "new"], ["token", "replace", "issuer", "--yes"]):
+            assert "shorter --issuer" in tool.run(*command, "--qr", "--issuer", "x" * 3000, code=USAGE).stderr
+        assert db.everything() == before
+
+    def test_help_that_cannot_be_written(self, tool):
+        with open("/dev/full", "w", encoding="ascii") as full:
+            for option in ("--help", "--version"):
+                assert subprocess.run([str(tool.executable), option], stdout=full, stderr=subprocess.PIPE, check=False,
+                                      env=tool.environment).returncode == FAILED
+
+
 class TestFiles:
     def write(self, tmp_path, text):
         path = tmp_path / "tokens.csv"
@@ -178,6 +370,89 @@ class TestFiles:
         assert open(path, encoding="utf-8").read() == "precious"
         tool.run("token", "export", path, "--yes")
         tool.run("token", "export", str(tmp_path / "none" / "x.csv"), code=FAILED)
+
+    def test_states_survive_the_round(self, db, tool, tmp_path):
+        for name, words in (("s-on", []), ("s-off", ["disable"]), ("s-lock", ["lock"]), ("s-both", ["disable", "lock"])):
+            tool.run("user", "add", name, "--mail", "state@example.com")
+            for word in words:
+                tool.run("user", word, name)
+        states = [(user["user"], user["locked"], user["disabled"]) for user in tool.json("user", "list", "--match", "state@")]
+        path = tmp_path / "export.csv"
+        tool.run("token", "export", str(path), "--show-secrets")
+        db.run("delete from userinfo")
+        db.run("delete from keyinfo")
+        tool.run("token", "import", str(path))
+        after = [(user["user"], user["locked"], user["disabled"]) for user in tool.json("user", "list", "--match", "state@")]
+        assert after == states and len({state[1:] for state in states}) == 4
+        assert 590 < tool.json("user", "show", "s-lock")["next_attempt"]["lock_seconds"] <= 600
+
+    def test_an_export_touches_no_other_file(self, tool, tmp_path):
+        tool.run("token", "new")
+        other = tmp_path / "k.csv.new"
+        victim = tmp_path / "victim"
+        other.write_text("precious")
+        other.chmod(0o644)
+        tool.run("token", "export", str(tmp_path / "k.csv"), "--show-secrets")
+        assert other.read_text() == "precious"
+        other.unlink()
+        victim.write_text("precious")
+        other.symlink_to(victim)
+        tool.run("token", "export", str(tmp_path / "k.csv"), "--yes")
+        assert victim.read_text() == "precious" and other.is_symlink()
+        assert sorted(os.listdir(tmp_path)) == ["k.csv", "k.csv.new", "victim"]
+
+    def test_exports_at_once_do_not_mix(self, tool, tmp_path):
+        lines = "".join(f"AT-{number},{KEY},event\n" for number in range(300))
+        tool.run("token", "import", self.write(tmp_path, "serial,key,type\n" + lines))
+        path = tmp_path / "k.csv"
+        running = [tool.start("token", "export", str(path), "--yes") for _ in range(4)]
+        assert [process.communicate() and process.returncode for process in running] == [0] * 4
+        assert path.read_text() == tool.run("token", "export").stdout
+        assert sorted(os.listdir(tmp_path)) == ["k.csv", "tokens.csv"]
+
+    def test_an_export_follows_links_and_feeds_pipes(self, tool, tmp_path):
+        expected = tool.run("token", "export").stdout
+        target = tmp_path / "target.csv"
+        target.write_text("old")
+        link = tmp_path / "link"
+        link.symlink_to(target)
+        tool.run("token", "export", str(link), "--yes")
+        assert link.is_symlink() and target.read_text() == expected
+        pipe = tmp_path / "pipe"
+        os.mkfifo(pipe)
+        got = []
+        reader = threading.Thread(target=lambda: got.append(pipe.read_text()), daemon=True)
+        reader.start()
+        tool.run("token", "export", str(pipe))
+        assert stat.S_ISFIFO(os.stat(pipe).st_mode)
+        reader.join(60)
+        assert got == [expected]
+        nowhere = tmp_path / "nowhere"
+        nowhere.symlink_to(tmp_path / "none")
+        tool.run("token", "export", str(nowhere), code=FAILED)
+        tool.run("token", "export", str(tmp_path), "--yes", code=FAILED)
+
+    def test_an_interrupted_export_leaves_nothing(self, tool, tmp_path):
+        """Interrupted at moments all over its run."""
+        folder = tmp_path / "exports"
+        folder.mkdir()
+        for delay in range(40):
+            process = tool.start("token", "export", str(folder / "k.csv"), "--yes", "--show-secrets")
+            wait_until(lambda: list(folder.iterdir()) or process.poll() is not None, "a file")
+            time.sleep(delay % 5 * 0.0005)
+            process.send_signal(signal.SIGINT)
+            process.communicate()
+            assert not [name for name in os.listdir(folder) if name != "k.csv"]
+            (folder / "k.csv").unlink(missing_ok=True)
+
+    def test_what_a_killed_export_has_left_is_swept(self, tool, tmp_path):
+        left, young, other = (tmp_path / name for name in (".k.csv.aaaaaa", ".k.csv.bbbbbb", ".other.aaaaaa"))
+        for path in (left, young, other):
+            path.write_text("secret")
+        for path in (left, other):
+            os.utime(path, (1, 1))
+        tool.run("token", "export", str(tmp_path / "k.csv"))
+        assert not left.exists() and young.exists() and other.exists()
 
     def test_the_progress_bar_shows_at_a_terminal_only(self, tool, tmp_path):
         lines = "".join(f"P-{number},{KEY},event\n" for number in range(50))

@@ -1,9 +1,11 @@
 """zelvanctl user: accounts, prompts, and what scripts get."""
 
+import fcntl
 import os
 import pty
 import signal
 import subprocess
+import sys
 import termios
 
 import pytest
@@ -12,6 +14,11 @@ from testbed.daemon import wait_until
 from testbed.database import utc
 from testbed.radius import ACCEPT, REJECT
 from testbed.zelvanctl import NOT_FOUND, REFUSED, USAGE, Tool, oathtool
+
+
+def unread(terminal):
+    """Bytes that wait to be read at a terminal."""
+    return int.from_bytes(fcntl.ioctl(terminal, termios.FIONREAD, bytes(4)), sys.byteorder)
 
 
 @pytest.fixture
@@ -135,6 +142,25 @@ class TestPins:
         os.close(terminal)
         assert db.run("select * from userinfo where username = 'pin6'") == []
 
+    def test_an_interrupt_after_a_part_of_the_line(self, db, tool):
+        """Ctrl-D hands over what is typed so far, without a line feed."""
+        keyboard, terminal = pty.openpty()
+        process = subprocess.Popen(tool.command("user", "add", "pin7", "--pin"), env=tool.environment,
+                                   stdin=terminal, stdout=terminal, stderr=terminal)
+        wait_until(lambda: not termios.tcgetattr(terminal)[3] & termios.ECHO, "the prompt without echo")
+        os.write(keyboard, b"typed\x04")
+        wait_until(lambda: unread(terminal) == 0, "the part of the line is read")
+        process.send_signal(signal.SIGINT)
+        assert process.wait(20) == -signal.SIGINT
+        assert termios.tcgetattr(terminal)[3] & termios.ECHO
+        os.close(keyboard)
+        os.close(terminal)
+        assert db.run("select * from userinfo where username = 'pin7'") == []
+
+    def test_a_line_in_parts_is_one_line(self, db, tool):
+        tool.at_terminal("user", "add", "pin8", "--pin", answers=[("PIN for pin8: ", "ty\x04ped"), ("Again: ", "typed")])
+        assert db.run("select pin from userinfo where username = 'pin8'")[0][0] == "typed"
+
     def test_different_answers_change_nothing(self, db, tool):
         tool.at_terminal("user", "add", "pin4", "--pin", answers=[("PIN for pin4: ", "one"), ("Again: ", "two")],
                          code=REFUSED)
@@ -165,6 +191,9 @@ class TestStates:
         tool.run("user", "disable", "state2")
         assert client.pap("state2", "000000").unknown_user
         assert tool.json("user", "show", "state2")["next_attempt"]["refused"]
+        for verb in ("show", "disable"):
+            shown = tool.run("user", verb, "state2").stdout
+            assert "8801" in shown and "token replace" in shown
         tool.run("user", "enable", "state2")
         assert client.pap("state2", oathtool("-c0", key=tool.key("state2"))).code == ACCEPT
 
@@ -237,6 +266,10 @@ class TestListing:
     def test_control_characters_do_not_reach_the_terminal(self, db, tool):
         db.run("insert into userinfo (username, serialnum) values (?, 'CTRL')", "e\x1b[31mvil")
         assert "\x1b" not in tool.run("user", "list").stdout
+        said = tool.run("token", "new", "e\x1b[31mvil", "--serial", "CTRL-2").stdout
+        assert "\x1b" not in said
+        said = tool.run("token", "new", "e\x1b[31mvil", code=REFUSED).stderr
+        assert "\x1b" not in said and "CTRL-2" in said
 
 
 class TestManyAtOnce:

@@ -100,7 +100,7 @@ void code(const Common& common, const Options& options) {
   check_choice(options.choice, token);
   check_pin(token, options);
   if (token.kind == Kind::challenge) return answer_challenge(common, token, options);
-  if (options.challenge) throw Failure(kUsage, fmt::format("a {} token takes no challenge", kind_name(token.kind)));
+  if (options.challenge) throw Failure(kUsage, fmt::format("{} tokens take no challenge", kind_name(token.kind)));
   give_code(common, path, options);
 }
 

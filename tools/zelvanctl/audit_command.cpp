@@ -174,6 +174,12 @@ std::unique_ptr<Source> open_source(Context& context, const AuditOptions& option
                                             "was started: name that with --directory",
                                             path.string()));
   }
+  if (log_files(path).empty()) {
+    context.out.warn(
+        fmt::format("there is no log {} yet; its path counts from the folder in which the server was "
+                    "started: name that with --directory",
+                    path.string()));
+  }
   return std::make_unique<LogSource>(path);
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -20,6 +21,10 @@ struct Help {
 
 // Adds a noun, which needs a verb.
 CLI::App& add_noun(CLI::App& program, const Help& help);
+
+// Makes an option take plain decimal numbers of a range only: by itself it would read 010 as 8, and let numbers beyond
+// the type wrap round.  Returns the option.
+CLI::Option* decimal(CLI::Option* option, std::uint64_t least, std::uint64_t most);
 
 // Adds a verb.
 //   setup  void(CLI::App&, Options&): declares options and arguments

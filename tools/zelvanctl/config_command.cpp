@@ -258,6 +258,11 @@ std::string section_of(const KeyOptions& options) {
   return options.section;
 }
 
+bool is_secret_key(const std::string& section, const std::string& key) {
+  const Setting* setting = find_setting(section, key);
+  return setting != nullptr && is_secret(*setting);
+}
+
 void unset(Context& context, KeyOptions& options) {
   const std::string section = section_of(options);
   if (options.key == kCommentKey || options.key.empty()) {
@@ -269,6 +274,9 @@ void unset(Context& context, KeyOptions& options) {
   }
   require_editable(before.lines());
   confirm_losses(context, before.lines());
+  if (is_secret_key(section, options.key)) {
+    context.confirm(fmt::format("Remove the secret {} from section [{}]?", options.key, section));
+  }
   edit_settings(context.settings().path(), before.bytes(),
                 [&](CConfigFile& file) { file.removeitem(section.c_str(), options.key.c_str()); });
   report_edit(context, before, section, options.key, "unset");

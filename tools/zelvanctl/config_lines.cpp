@@ -121,6 +121,10 @@ std::string edit_obstacle(const ConfigLines& lines) {
   for (const ConfigLine& line : lines.all()) {
     if (line.continues) return fmt::format("line {} is longer than {} bytes", line.number, kConfigLineLimit);
     if (line.has_nul) return fmt::format("line {} holds a NUL byte", line.number);
+    // Written back as a comment, which brings its own line feed; the next line would be glued to it.
+    if (line.kind == ConfigLine::Kind::item && !line.indented && line.key == kCommentKey) {
+      return fmt::format("line {} has the key {}, which stands for comments; remove it", line.number, kCommentKey);
+    }
   }
   return "";
 }

@@ -16,8 +16,8 @@ std::string read_bytes(const std::filesystem::path& path);
 // owner; links are followed to the file that they mean.
 //   before  the bytes that the caller has looked at; when the file holds others by now, nothing is changed
 //   edit    changes the settings in memory
-// Throws Failure: kRefused when the file has changed or its owner cannot be kept,
-// kUnreachable when it cannot be written.
+// Edits of the files of one folder wait for each other.  Throws Failure: kRefused when the file has changed, is no
+// regular file or its owner cannot be kept, kUnreachable when it cannot be written.
 void edit_settings(const std::filesystem::path& path, const std::string& before,
                    const std::function<void(CConfigFile&)>& edit);
 

@@ -82,6 +82,23 @@ Token Context::token(const std::string& serial) {
   throw Failure(kNotFound, fmt::format("there is no token {}", printable(serial)));
 }
 
+void Context::hold(const User& user) {
+  const auto present = records().hold_user(user.name);
+  if (present && present->serial == user.serial) return;
+  throw Failure(kRefused, fmt::format("user {} was {} by someone else meanwhile; nothing changed", printable(user.name),
+                                      present ? "given another token" : "removed"));
+}
+
+void Context::hold_spare(const std::string& serial) {
+  if (!records().hold_token(serial)) {
+    throw Failure(kRefused,
+                  fmt::format("token {} was removed by someone else meanwhile; nothing changed", printable(serial)));
+  }
+  if (const auto owner = records().find_owner(serial)) {
+    throw Failure(kRefused, fmt::format("token {} belongs to user {}", printable(serial), printable(owner->name)));
+  }
+}
+
 void Context::confirm(const std::string& question) const {
   if (assume_yes) return;
   if (!is_terminal(STDIN_FILENO)) throw Failure(kRefused, printable(question) + " Confirm with --yes.");

@@ -44,6 +44,12 @@ class Context {
   Token token_of(const User& user);
   Token token(const std::string& serial);
 
+  // Within a transaction: throws Failure (kRefused) unless the user is still there and has the same token, and keeps it
+  // so until the transaction ends.
+  void hold(const User& user);
+  // Within a transaction: throws Failure (kRefused) unless the token is there and nobody has it, and keeps it.
+  void hold_spare(const std::string& serial);
+
   // Asks before something is destroyed.  Goes on with --yes or when the person says yes; throws Failure (kRefused)
   // otherwise, also when there is nobody to ask.
   void confirm(const std::string& question) const;

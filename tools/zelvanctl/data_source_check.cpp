@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 #include <odbcinst.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -20,18 +21,19 @@ std::string answer(Database& database, const std::string& query) {
   return rows.empty() ? "" : rows.front().text(0).value_or("");
 }
 
-void check_sqlite(const std::string& dsn, const std::string& where, Findings& findings) {
+void check_sqlite(Database& database, const std::string& dsn, const std::string& where, Findings& findings) {
   if (profile(dsn, "Timeout", "odbc.ini").empty()) {
     warning(findings, where,
             "has no Timeout: while another process writes, statements fail with \"database is locked\"");
   }
-  const std::string driver = profile(dsn, "Driver", "odbc.ini");
-  const std::string level = profile(driver, "Threading", "odbcinst.ini");
-  if (level == "0" || level == "1") {
-    error(
-        findings, fmt::format("driver {}", driver),
-        fmt::format("Threading={} in odbcinst.ini: the server's threads share one connection and would crash", level));
-  }
+  const auto rows = database.query("select file from pragma_database_list where name = 'main'");
+  const std::string file = rows.empty() ? "" : rows.front().text(0).value_or("");
+  struct stat status {};
+  if (file.empty() || stat(file.c_str(), &status) != 0) return;
+  if ((status.st_mode & (S_IRWXG | S_IRWXO)) == 0) return;
+  warning(
+      findings, file,
+      fmt::format("has the mode {:03o}: other users can get at keys and PINs; chmod 600 it", status.st_mode & 0777U));
 }
 
 void check_postgresql(Database& database, const std::string& where, Findings& findings) {
@@ -108,7 +110,7 @@ void check_mariadb(Database& database, const std::string& dsn, const std::string
 
 void check_data_source_of(Database& database, const Engine& engine, const std::string& dsn, Findings& findings) {
   const std::string where = fmt::format("data source {}", dsn);
-  if (engine.name == "sqlite") check_sqlite(dsn, where, findings);
+  if (engine.name == "sqlite") check_sqlite(database, dsn, where, findings);
   if (engine.name == "postgresql") check_postgresql(database, where, findings);
   if (engine.name == "mariadb") check_mariadb(database, dsn, where, findings);
 }

@@ -56,14 +56,21 @@ Step look_at_journal(Context& context, bool reachable) {
           ""};
 }
 
-Step look_at_server(const WorkingFolder& folder) {
+Step look_at_server(const WorkingFolder& folder, bool answers) {
   if (folder.server_runs) return {"server", {}, fmt::format("runs in {}", folder.path.string())};
+  if (answers) {
+    return {"server",
+            {{Level::warning, "server",
+              "answers, but its process is hidden from this user: run this as the server's "
+              "user or as root"}},
+            ""};
+  }
   return {"server",
           {{Level::warning, "server", "no running server with these settings was found, or this user may not see it"}},
           ""};
 }
 
-Step look_at_server_log(const WorkingFolder& folder) {
+Step look_at_server_log(const WorkingFolder& folder, bool server_runs) {
   Step step{"start-up log", {}, ""};
   const std::filesystem::path path = folder.path / "srvlog.txt";
   std::error_code missing;
@@ -72,7 +79,7 @@ Step look_at_server_log(const WorkingFolder& folder) {
     return step;
   }
   const auto lines = last_server_lines(read_bytes(path), kLogLines);
-  if (auto finding = judge_server_log(lines, folder.server_runs)) step.findings.push_back(*std::move(finding));
+  if (auto finding = judge_server_log(lines, server_runs)) step.findings.push_back(*std::move(finding));
   for (const ServerLogLine& line : lines) {
     step.remark += fmt::format("{}{} {}{}", step.remark.empty() ? "" : "\n", line.time, line.text,
                                line.meaning.empty() ? "" : " (" + line.meaning + ")");
@@ -194,6 +201,9 @@ void doctor(Context& context, DoctorOptions& options) {
   DatabaseLogin login;
   const bool reachable = load_database_login(context.settings().file(), login) &&
                          check_data_source(context.settings(), kProbePatience).empty();
+  // First, since a server that answers runs, also when this user may not see its process.
+  const Step probe = guarded("probe", [&] { return probe_loopback(context); });
+  const bool answers = probe.findings.empty();
   const std::vector<std::pair<std::string, std::function<Step()>>> looks{
       {"settings",
        [&] {
@@ -201,10 +211,10 @@ void doctor(Context& context, DoctorOptions& options) {
        }},
       {"database", [&] { return look_at_database(context, reachable); }},
       {"journal", [&] { return look_at_journal(context, reachable); }},
-      {"server", [&] { return look_at_server(folder); }},
-      {"start-up log", [&] { return look_at_server_log(folder); }},
+      {"server", [&] { return look_at_server(folder, answers); }},
+      {"start-up log", [&] { return look_at_server_log(folder, folder.server_runs || answers); }},
       {"clock", [&] { return look_at_clock(); }},
-      {"probe", [&] { return probe_loopback(context); }},
+      {"probe", [&] { return probe; }},
   };
   std::vector<Step> steps;
   Json list = Json::array();

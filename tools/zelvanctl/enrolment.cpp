@@ -3,6 +3,8 @@
 #include <fmt/core.h>
 #include <unistd.h>
 
+#include <limits>
+
 #include "zelvanctl/fields.h"
 #include "zelvanctl/otpauth.h"
 #include "zelvanctl/qr_code.h"
@@ -43,10 +45,14 @@ std::string qr_text(const Secret& uri) {
 void declare_plan(CLI::App& verb, EnrolmentOptions& options) {
   verb.add_option("--type", options.type, "Kind of token: time (default), event or challenge")
       ->check(CLI::IsMember({"time", "event", "challenge"}));
-  verb.add_option("--digits", options.digits, "Digits of a code, 6 to 10 (default 6)");
-  verb.add_option("--window", options.window, "How many codes the server tries (default 10)");
-  verb.add_option("--step", options.step, "Seconds a code of a time-stepped token lasts (default 30)");
-  verb.add_option("--counter", options.counter, "First counter of an event token (default 0)");
+  constexpr std::uint64_t kIntMost = std::numeric_limits<int>::max();
+  decimal(verb.add_option("--digits", options.digits, "Digits of a code, 6 to 10 (default 6)"), kDigitsLeast,
+          kDigitsMost);
+  decimal(verb.add_option("--window", options.window, "How many codes the server tries (default 10)"), 1, kIntMost);
+  decimal(verb.add_option("--step", options.step, "Seconds a code of a time-stepped token lasts (default 30)"), 1,
+          kIntMost);
+  decimal(verb.add_option("--counter", options.counter, "First counter of an event token (default 0)"), 0,
+          std::numeric_limits<std::uint64_t>::max());
   verb.add_option("--serial", options.serial, "Serial number, at most 28 bytes (default: a random one)");
   declare_showing(verb, options);
 }
@@ -73,6 +79,19 @@ TokenPlan checked_plan(const EnrolmentOptions& options, const Token* replaced) {
 bool describes_new_token(const EnrolmentOptions& options) {
   return !options.type.empty() || options.digits || options.window || options.step || options.counter != 0 ||
          !options.serial.empty();
+}
+
+void check_showing(const EnrolmentOptions& options, const Token& token, const std::string& account) {
+  if (!options.qr || !app_problem(token).empty()) return;
+  try {
+    (void)qr_code(otpauth_uri(token, options.issuer, account.empty() ? token.serial : account).reveal());
+  } catch (const Failure& failure) {
+    throw Failure(kUsage, fmt::format("{}: choose a shorter --issuer", failure.what()));
+  }
+}
+
+std::string hand_out_hint(const Token& token, const std::string& user) {
+  return app_problem(token).empty() ? fmt::format("Hand it out with: zelvanctl token qr {}\n", printable(user)) : "";
 }
 
 void show_enrolment(Context& context, const EnrolmentOptions& options, const Token& token, const std::string& account,

@@ -36,6 +36,13 @@ TokenPlan checked_plan(const EnrolmentOptions& options, const Token* replaced = 
 // True when an option says how a new token is to be.
 bool describes_new_token(const EnrolmentOptions& options);
 
+// Before the token is stored: throws Failure (kUsage) when --qr is given and the code would hold too much.
+//   account  as for show_enrolment()
+void check_showing(const EnrolmentOptions& options, const Token& token, const std::string& account);
+
+// Returns the line that tells how an app gets the token; empty when apps cannot take it.
+std::string hand_out_hint(const Token& token, const std::string& user);
+
 // Shows the result of a command about one token: `text` and `json`, then the QR code with --qr, then key and URI with
 // --show-secrets.
 //   account  the user; empty: the serial number stands in for the name

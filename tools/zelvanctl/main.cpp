@@ -1,8 +1,10 @@
 // zelvanctl: users, tokens, tables, settings, the audit trail and diagnosis from the command line.
 #include <fmt/core.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <exception>
+#include <iostream>
 #include <string_view>
 
 #include "zelvanctl/audit_command.h"
@@ -63,7 +65,9 @@ void describe(CLI::App& program) {
 int end_parsing(const CLI::App& program, const CLI::ParseError& error, int argc, char** argv, Context& context) {
   const bool json = std::any_of(argv, argv + argc, [](const char* word) { return std::string_view(word) == "--json"; });
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success) || !json) {
-    return program.exit(error) == 0 ? kOk : kUsage;
+    const int code = program.exit(error);
+    if (!std::cout.flush()) throw Failure(kFailed, "cannot write to standard output");
+    return code == 0 ? kOk : kUsage;
   }
   context.out.set_json(true);
   context.out.failure(error.what(), kUsage);
@@ -92,6 +96,8 @@ int run(int argc, char** argv, Context& context) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Whatever is made holds secrets, a database file of SQLite too.
+  (void)umask(umask(0) | S_IRWXG | S_IRWXO);
   Context context;
   try {
     return run(argc, argv, context);

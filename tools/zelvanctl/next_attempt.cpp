@@ -46,8 +46,9 @@ void look_at_window(const Token& token, const Rules& rules, NextAttempt& next) {
 void look_at_time_base(const Token& token, std::time_t now, NextAttempt& next) {
   const auto date = token.date ? parse_time(*token.date) : std::nullopt;
   if (!date) return;
-  if (value_of(token.type) == kTimeToken && *date > now) {
-    next.remarks.push_back(
+  // Up to a step ahead it was resynchronised just now.
+  if (value_of(token.type) == kTimeToken && *date > now + value_of(token.step)) {
+    next.refusals.push_back(
         "the token's time lies in the future: until then no time passes for it, and its codes are "
         "refused (see: zelvanctl token resync)");
   }
@@ -60,7 +61,12 @@ void look_at_time_base(const Token& token, std::time_t now, NextAttempt& next) {
 
 NextAttempt next_attempt(const User& user, const Token* token, const Rules& rules, std::time_t now) {
   NextAttempt next;
-  if (user.is_disabled()) next.refusals.push_back("the user is disabled: for the server there is no such user");
+  if (user.is_disabled()) {
+    next.refusals.push_back("the user is disabled: for RADIUS there is no such user");
+    next.remarks.push_back(
+        "the synchronisation service (UDP port 8801) does not look at that: whoever has the token still gets answers "
+        "there, until zelvanctl token replace");
+  }
   for (const Problem& problem : user_problems(user)) {
     if (problem.fatal) next.refusals.push_back(problem.text);
   }

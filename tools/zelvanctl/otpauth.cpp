@@ -2,13 +2,33 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cstdint>
+#include <optional>
 
 #include "zelvanctl/base32.h"
 #include "zelvanctl/fields.h"
 #include "zelvanctl/row_check.h"
+#include "zelvanctl/utc_time.h"
 
 namespace zelvan::ctl {
+
+namespace {
+
+// An app counts steps from 1970.  Whether the server's window holds its code at no moment.
+bool beside_the_clock(const Token& token) {
+  const auto date = token.date ? parse_time(*token.date) : std::nullopt;
+  if (value_of(token.type) != kTimeToken || !date || *date < 0) return false;
+  const auto steps = static_cast<std::uint64_t>(*date / value_of(token.step));
+  const auto window = static_cast<std::uint64_t>(std::max<std::int64_t>(value_of(token.window), 1));
+  const std::uint64_t counter = token.counter();
+  // The app is `steps - counter` ahead, or one more when the stored time lies within a step.
+  if (steps >= counter) return steps - counter > window - 1 - window / 2;
+  return counter - steps > window / 2 + 1;
+}
+
+}  // namespace
 
 std::string app_problem(const Token& token) {
   for (const Problem& problem : token_problems(token)) {
@@ -19,6 +39,11 @@ std::string app_problem(const Token& token) {
   }
   if (value_of(token.digits) > 9) {
     return "its codes have 10 digits, which apps cut from the digest in another way than the server";
+  }
+  if (beside_the_clock(token)) {
+    return "its steps are not those of the clock, which apps go by: they would show other codes; give out another "
+           "token "
+           "with zelvanctl token replace";
   }
   return {};
 }

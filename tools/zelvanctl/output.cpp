@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "zelvanctl/failure.h"
@@ -27,6 +28,17 @@ constexpr std::string_view code_of(Colour colour) {
 std::string painted(std::string_view word, Colour colour, bool colours) {
   if (!colours || colour == Colour::none) return std::string(word);
   return std::string(code_of(colour)) + std::string(word) + "\x1b[0m";
+}
+
+// What the database says may hold bytes that a terminal would obey; a message may have several lines.
+std::string printable_lines(std::string_view text) {
+  std::string lines;
+  for (std::size_t start = 0; start <= text.size();) {
+    const std::size_t end = std::min(text.find('\n', start), text.size());
+    lines += (start > 0 ? "\n" : "") + printable(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
 }
 
 // A result that cannot be written (a full disk, a closed pipe) is no success.
@@ -59,7 +71,8 @@ void Output::say(const std::string& text) const {
 }
 
 void Output::warn(const std::string& text) const {
-  const std::string line = painted("warning:", Colour::yellow, error_colours_) + " " + printable(text) + "\n";
+  const std::string line = json_ ? json_text({{"warning", text}}, -1) + "\n"
+                                 : painted("warning:", Colour::yellow, error_colours_) + " " + printable(text) + "\n";
   std::fputs(line.c_str(), stderr);
 }
 
@@ -68,7 +81,7 @@ void Output::failure(const std::string& text, int exit_code) const {
   if (json_) {
     lines = json_text({{"error", text}, {"exit_code", exit_code}}, -1);
   } else {
-    lines = painted("zelvanctl:", Colour::red, error_colours_) + " " + text;
+    lines = painted("zelvanctl:", Colour::red, error_colours_) + " " + printable_lines(text);
   }
   std::fputs((lines + "\n").c_str(), stderr);
 }

@@ -32,7 +32,7 @@ class Output {
   // Writes to standard output for people only; with JSON nothing.
   void say(const std::string& text) const;
 
-  // Writes a remark for people to standard error, in either form of output.
+  // Writes a remark to standard error.
   void warn(const std::string& text) const;
 
   // Reports how the command failed, to standard error.

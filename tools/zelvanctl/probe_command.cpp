@@ -204,9 +204,8 @@ void register_probe_command(CLI::App& program, Context& context) {
       ->add_option("--secret-file", options->secret_file,
                    "File whose first line is the shared secret; by default section [share] of the settings")
       ->type_name("FILE");
-  command->add_option("--timeout", options->seconds, "Seconds to wait for a reply (5)")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(1, 3600));
+  decimal(command->add_option("--timeout", options->seconds, "Seconds to wait for a reply (5)")->type_name("SECONDS"),
+          1, 3600);
   command->callback([&context, options] { probe(context, *options); });
 }
 

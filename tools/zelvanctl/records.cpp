@@ -140,6 +140,23 @@ std::optional<Token> Records::find_token(std::string_view serial) {
   return only(database_.query(token_columns() + " where serialnum = ?", {serial}), &read_token);
 }
 
+std::optional<User> Records::hold_user(std::string_view name) {
+  // A statement that changes nothing locks the row, and the database where rows have no locks.  The server's login may
+  // do this, too.
+  (void)database_.execute("update userinfo set failaccum = failaccum where username = ?", {name});
+  return find_user(name);
+}
+
+std::optional<Token> Records::hold_token(std::string_view serial) {
+  if (engine_.name == "sqlite") {
+    (void)database_.execute("update keyinfo set predate = predate where serialnum = ?", {serial});
+  } else {
+    // The guard for several servers would refuse an update that leaves the counter.
+    (void)database_.query("select serialnum from keyinfo where serialnum = ? for update", {serial});
+  }
+  return find_token(serial);
+}
+
 std::vector<User> Records::users() { return all(database_.query(user_columns() + " order by username"), &read_user); }
 
 std::vector<Token> Records::tokens() {

@@ -92,6 +92,10 @@ class Records {
   std::vector<User> users();
   std::vector<Token> tokens();
 
+  // Within a transaction: returns the row, which nobody else changes or removes before the transaction ends.
+  std::optional<User> hold_user(std::string_view name);
+  std::optional<Token> hold_token(std::string_view serial);
+
   void add_user(const User& user);
   void add_token(const Token& token);
 

@@ -36,4 +36,29 @@ std::optional<std::uint64_t> find_pair(const Secret& key, int digits, SearchRang
 //   step           seconds, at least 1
 std::uint64_t expected_factor(std::uint64_t counter, std::int64_t date, std::int64_t step, std::int64_t now);
 
+// Where a time-stepped token stands.
+struct StepReading {
+  std::uint64_t factor = 0;  // of the present step
+  std::int64_t since = 0;    // when this step began, in seconds since 1970
+};
+
+// Returns where a token is whose steps count from 1970 (RFC 6238).
+StepReading reading_of_clock(std::int64_t step, std::int64_t now);
+
+// Returns where the token is as its row tells; the arguments are those of expected_factor().
+StepReading reading_of_row(std::uint64_t counter, std::int64_t date, std::int64_t step, std::int64_t now);
+
+// Returns the reading whose factor is nearer.
+StepReading nearer_reading(StepReading left, StepReading right, std::uint64_t factor);
+
+// Returns the time to store with the factor after `last`, in seconds since 1970.  From there on the server's window
+// holds both the code of the expected step and what the token shows if it has just shown `last`: nobody knows whether
+// codes a little behind were read a while ago or by a token whose clock is slow.  At most a step in the future.
+//   last      factor of the second of two codes
+//   expected  where the token should be
+//   window    codes that the server tries, at least 1
+// Returns nothing when `last` is further behind than the window is wide.
+std::optional<std::int64_t> resync_date(std::uint64_t last, StepReading expected, std::int64_t window,
+                                        std::int64_t step);
+
 }  // namespace zelvan::ctl

@@ -7,12 +7,12 @@
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 
+#include "zelvanctl/draft.h"
 #include "zelvanctl/failure.h"
 
 namespace zelvan::ctl {
@@ -24,45 +24,45 @@ class NoEcho {
  public:
   NoEcho() {
     if (tcgetattr(STDIN_FILENO, &before_) != 0) throw Failure(kFailed, "cannot turn off the terminal's echo");
-    (void)sigemptyset(&held_);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)sigaddset(&held_, signal);
-    (void)sigprocmask(SIG_BLOCK, &held_, &mask_);
-    signals_ = signalfd(-1, &held_, SFD_CLOEXEC);
+    signals_.reset(signalfd(-1, &held_.set(), SFD_CLOEXEC));
     termios quiet = before_;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     quiet.c_lflag |= ECHONL;
     (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
   }
-  ~NoEcho() {
-    (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
-    (void)close(signals_);
-    (void)sigprocmask(SIG_SETMASK, &mask_, nullptr);
-  }
+  ~NoEcho() { (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_); }
   NoEcho(const NoEcho&) = delete;
   NoEcho& operator=(const NoEcho&) = delete;
 
-  // Waits until a line can be read.  Throws Failure when a signal comes first.
-  void wait_for_line() const {
-    std::array<pollfd, 2> ready{{{STDIN_FILENO, POLLIN, 0}, {signals_, POLLIN, 0}}};
+  // Waits until something can be read: a line, or the part of one that Ctrl-D hands over.  Throws Failure when a signal
+  // comes first.
+  void wait() const {
+    std::array<pollfd, 2> ready{{{STDIN_FILENO, POLLIN, 0}, {signals_.get(), POLLIN, 0}}};
     (void)poll(ready.data(), ready.size(), -1);
     if ((ready[1].revents & POLLIN) != 0) throw Failure(kRefused, "interrupted; nothing changed");
   }
 
  private:
+  HeldSignals held_;
+  Descriptor signals_{-1};
   termios before_{};
-  sigset_t held_{};
-  sigset_t mask_{};
-  int signals_ = -1;
 };
 
+// Reads a byte of standard input; false at its end.
+bool read_byte(const NoEcho* quiet, char& c) {
+  if (quiet != nullptr) quiet->wait();
+  return read(STDIN_FILENO, &c, 1) == 1;
+}
+
 // Reads a line of standard input byte by byte, so that nothing beyond it is taken and no copy stays in a buffer.
-std::optional<Secret> read_line() {
+//   quiet  the prompt at a terminal; null: wait for the bytes only
+std::optional<Secret> read_line(const NoEcho* quiet = nullptr) {
   std::string line;
   line.reserve(256);
   char c = 0;
-  ssize_t got = 0;
-  while ((got = read(STDIN_FILENO, &c, 1)) == 1 && c != '\n' && line.size() < 255) line += c;
-  const bool ended = got <= 0 && line.empty();
+  bool got = false;
+  while ((got = read_byte(quiet, c)) && c != '\n' && line.size() < 255) line += c;
+  const bool ended = !got && line.empty();
   if (!line.empty() && line.back() == '\r') line.pop_back();
   Secret secret(line);
   explicit_bzero(line.data(), line.size());
@@ -94,12 +94,10 @@ Secret read_secret(const std::string& what) {
   }
   const NoEcho quiet;
   say(what + ": ");
-  quiet.wait_for_line();
-  const auto first = read_line();
+  const auto first = read_line(&quiet);
   if (!first) throw Failure(kRefused, "nothing entered; nothing changed");
   say("Again: ");
-  quiet.wait_for_line();
-  const auto second = read_line();
+  const auto second = read_line(&quiet);
   if (!second || second->reveal() != first->reveal()) {
     throw Failure(kRefused, "the two entries differ; nothing changed");
   }
@@ -110,8 +108,7 @@ std::optional<Secret> read_secret_once(const std::string& what) {
   if (!is_terminal(STDIN_FILENO)) return read_line();
   const NoEcho quiet;
   say(what + ": ");
-  quiet.wait_for_line();
-  return read_line();
+  return read_line(&quiet);
 }
 
 bool ask_yes_no(const std::string& question) {

@@ -56,11 +56,12 @@ struct NewOptions {
 };
 
 // Stores a token and, when it is for a user, its serial number there.
-void store_new_token(Context& context, const Token& token, const std::string& user) {
+void store_new_token(Context& context, const Token& token, const std::optional<User>& user) {
   try {
     Transaction transaction(context.database());
+    if (user) context.hold(*user);
     context.records().add_token(token);
-    if (!user.empty()) context.records().set_user(user, "serialnum", token.serial);
+    if (user) context.records().set_user(user->name, "serialnum", token.serial);
     transaction.commit();
   } catch (const DatabaseError& error) {
     if (!error.duplicate()) throw;
@@ -70,21 +71,23 @@ void store_new_token(Context& context, const Token& token, const std::string& us
 
 void make_new(Context& context, NewOptions& options) {
   TokenPlan plan = checked_plan(options.enrolment);
+  std::optional<User> user;
   if (!options.user.empty()) {
-    const User user = context.user(options.user);
-    if (user.serial && context.records().find_token(*user.serial)) {
+    user = context.user(options.user);
+    if (user->serial && context.records().find_token(*user->serial)) {
       throw Failure(kRefused,
-                    fmt::format("user {} has token {}; see zelvanctl token replace", options.user, *user.serial));
+                    fmt::format("user {} has token {}; see zelvanctl token replace", options.user, *user->serial));
     }
-    if (plan.serial.empty() && user.serial && serial_problem(*user.serial).empty()) plan.serial = *user.serial;
+    if (plan.serial.empty() && user->serial && serial_problem(*user->serial).empty()) plan.serial = *user->serial;
   }
   const Token token = make_token(plan, now_seconds());
-  store_new_token(context, token, options.user);
+  check_showing(options.enrolment, token, options.user);
+  store_new_token(context, token, user);
   const std::string whose =
-      options.user.empty() ? "nobody has it yet; see zelvanctl user add --token" : "of user " + options.user;
+      options.user.empty() ? "nobody has it yet; see zelvanctl user add --token" : "of user " + printable(options.user);
   show_enrolment(context, options.enrolment, token, options.user,
                  {{"user", options.user.empty() ? Json(nullptr) : Json(options.user)}},
-                 fmt::format("New token {} ({}), {}.\n", token.serial, token_words(token), whose));
+                 fmt::format("New token {} ({}), {}.\n", printable(token.serial), token_words(token), whose));
 }
 
 void declare_new(CLI::App& verb, NewOptions& options) {
@@ -165,7 +168,10 @@ void remove(Context& context, RemoveOptions& options) {
                   fmt::format("token {} belongs to user {}", printable(token.serial), printable(owner->name)));
   }
   context.confirm(fmt::format("Remove token {}?", token.serial));
+  Transaction transaction(context.database());
+  context.hold_spare(token.serial);
   context.records().remove_token(token.serial);
+  transaction.commit();
   context.out.result({{"serial", token.serial}, {"done", "remove"}},
                      fmt::format("Token {} is removed.\n", printable(token.serial)));
 }
@@ -186,9 +192,11 @@ void replace(Context& context, ReplaceOptions& options) {
   context.confirm(
       fmt::format("The codes of token {} will be refused from now on. Replace it?", user.serial.value_or("(none)")));
   const Token token = make_token(plan, now_seconds());
+  check_showing(options.enrolment, token, user.name);
   try {
     Records& records = context.records();
     Transaction transaction(context.database());
+    context.hold(user);
     records.add_token(token);
     records.set_user(user.name, "serialnum", token.serial);
     if (remove_old && !records.find_owner(old_token->serial)) records.remove_token(old_token->serial);
@@ -197,11 +205,11 @@ void replace(Context& context, ReplaceOptions& options) {
     if (!error.duplicate()) throw;
     throw Failure(kRefused, fmt::format("token {} exists already", token.serial));
   }
-  const std::string hint =
-      options.enrolment.qr ? "" : fmt::format("Hand it out with: zelvanctl token qr {}\n", user.name);
+  const std::string hint = options.enrolment.qr ? "" : hand_out_hint(token, user.name);
   show_enrolment(context, options.enrolment, token, user.name,
                  {{"user", user.name}, {"replaced", user.serial.value_or("")}},
-                 fmt::format("User {} has token {} ({}).\n{}", user.name, token.serial, token_words(token), hint));
+                 fmt::format("User {} has token {} ({}).\n{}", printable(user.name), printable(token.serial),
+                             token_words(token), hint));
 }
 
 void declare_replace(CLI::App& verb, ReplaceOptions& options) {
@@ -217,6 +225,7 @@ struct ResyncOptions {
   std::vector<std::string> codes;
   std::uint64_t window = 0;  // 0: the default of the kind of token
   bool backward = false;
+  bool just_read = false;
 };
 
 constexpr std::uint64_t kEventWindow = 1000;
@@ -265,9 +274,25 @@ std::uint64_t search(const Token& token, const ResyncOptions& options, std::time
                             printable(token.serial), options.backward ? "" : " or --backward"));
 }
 
-bool move(Context& context, const Token& token, std::uint64_t counter, std::time_t now) {
+// The time to store with the factor after `last`: the server counts the steps from it on.
+std::time_t date_after(Context& context, const Token& token, std::uint64_t last, bool just_read, std::time_t now) {
+  if (value_of(token.type) == kEventToken || just_read) return now;
+  const std::int64_t step = value_of(token.step);
+  const auto date = token.date ? parse_time(*token.date) : std::nullopt;
+  const StepReading expected =
+      nearer_reading(reading_of_clock(step, now), reading_of_row(token.counter(), date.value_or(now), step, now), last);
+  const std::int64_t window =
+      std::max<std::int64_t>(std::min<std::int64_t>(value_of(token.window), context.rules().window_cap), 1);
+  if (const auto fitting = resync_date(last, expected, window, step)) return *fitting;
+  const auto behind = static_cast<std::time_t>(expected.factor - last) * step;
+  throw Failure(kRefused, fmt::format("these codes are {} behind: read two new ones. If they were read just now, the "
+                                      "token's own clock is slow: say so with --just-read. Nothing changed",
+                                      duration_words(behind)));
+}
+
+bool move(Context& context, const Token& token, std::uint64_t counter, std::time_t date) {
   try {
-    return context.records().move_token(token, counter, now);
+    return context.records().move_token(token, counter, date);
   } catch (const DatabaseError& error) {
     if (!refused_by_guard(error)) throw;
     throw Failure(kRefused, fmt::format("the guard for several servers refuses to set token {} back; give the user "
@@ -277,7 +302,6 @@ bool move(Context& context, const Token& token, std::uint64_t counter, std::time
 }
 
 void resync(Context& context, ResyncOptions& options) {
-  if (options.window > kWidestWindow) throw Failure(kUsage, fmt::format("--window is at most {}", kWidestWindow));
   // With --serial the first word is a code, not a user.
   if (!options.target.serial.empty() && !options.target.user.empty()) {
     options.codes.insert(options.codes.begin(), options.target.user);
@@ -295,8 +319,9 @@ void resync(Context& context, ResyncOptions& options) {
   check_codes(options.codes, token);
   const std::time_t now = now_seconds();
   const std::uint64_t before = token.counter();
-  const std::uint64_t after = search(token, options, now) + 2;
-  if (!move(context, token, after, now)) {
+  const std::uint64_t last = search(token, options, now) + 1;
+  const std::uint64_t after = last + 1;
+  if (!move(context, token, after, date_after(context, token, last, options.just_read, now))) {
     throw Failure(kRefused, "the token was used at this very moment; nothing changed, try again");
   }
   context.out.result(
@@ -309,10 +334,13 @@ void declare_resync(CLI::App& verb, ResyncOptions& options) {
   verb.add_option("codes", options.codes, "Two codes in a row, without the PIN")
       ->type_name("CODE CODE")
       ->expected(0, 2);
-  verb.add_option("--window", options.window,
-                  "How many codes to search (default 1000; for time-stepped tokens 2880 before and after)");
+  decimal(verb.add_option("--window", options.window,
+                          "How many codes to search (default 1000; for time-stepped tokens 2880 before and after)"),
+          1, kWidestWindow);
   verb.add_flag("--backward", options.backward,
                 "Search also before the stored counter; codes that were used already may become good again");
+  verb.add_flag("--just-read", options.just_read,
+                "The codes are not old: the clock of a time-stepped token is slow by more than the window");
 }
 
 void register_showing_verbs(CLI::App& noun, Context& context) {

@@ -15,8 +15,8 @@
 namespace zelvan::ctl {
 namespace {
 
-constexpr std::array<std::string_view, 11> kColumns{"serial",  "key",  "type", "digits", "window", "step",
-                                                    "counter", "date", "user", "mail",   "pin"};
+constexpr std::array<std::string_view, 12> kColumns{"serial",  "key",  "type", "digits", "window", "step",
+                                                    "counter", "date", "user", "mail",   "pin",    "state"};
 constexpr std::array<std::string_view, 3> kDemanded{"serial", "key", "type"};
 
 bool is_secret(std::string_view column) { return column == "key" || column == "pin"; }
@@ -108,19 +108,41 @@ Token read_token(const LineReader& line, std::time_t now) {
   return token;
 }
 
-std::optional<User> read_user(const LineReader& line) {
+// The words for what keeps a user from logging in.
+constexpr std::string_view kActive = "active";
+constexpr std::string_view kLocked = "locked";
+constexpr std::string_view kDisabled = "disabled";
+constexpr std::string_view kDisabledLocked = "disabled locked";
+
+std::string_view state_of(const User& user) {
+  if (user.is_disabled()) return user.is_locked() ? kDisabledLocked : kDisabled;
+  return user.is_locked() ? kLocked : kActive;
+}
+
+void read_state(std::string_view state, User& user, std::time_t now) {
+  const bool locked = state == kLocked || state == kDisabledLocked;
+  const bool disabled = state == kDisabled || state == kDisabledLocked;
+  if (!locked && !disabled && !state.empty() && state != kActive) {
+    throw LineProblem{fmt::format("state '{}' is not active, locked, disabled or disabled locked", state)};
+  }
+  user.locked = Number{locked ? 1 : 0};
+  user.deleted = Number{disabled ? 1 : 0};
+  if (locked) user.last_use = time_text(now);
+}
+
+std::optional<User> read_user(const LineReader& line, std::time_t now) {
   const std::string_view pin = line.text("pin");
   if (line.text("user").empty()) {
-    if (!pin.empty() || !line.text("mail").empty()) throw LineProblem{"mail or pin without a user"};
+    const bool stray = !pin.empty() || !line.text("mail").empty() || !line.text("state").empty();
+    if (stray) throw LineProblem{"mail, pin or state without a user"};
     return {};
   }
   User user;
   user.name = line.text("user");
   user.serial = line.text("serial");
-  user.locked = Number{0};
   user.failures = Number{0};
   user.auth_type = Number{pin.empty() ? kCodeOnly : kCodeAndPin};
-  user.deleted = Number{0};
+  read_state(line.text("state"), user, now);
   LineReader::demand("user", user_name_problem(user.name));
   LineReader::demand("mail", mail_problem(line.text("mail")));
   if (!line.text("mail").empty()) user.mail = line.text("mail");
@@ -152,7 +174,7 @@ ImportedToken read_line(const Layout& layout, const CsvLine& line, std::time_t n
     throw LineProblem{fmt::format("{} fields, but the first line names {}", line.fields.size(), layout.size())};
   }
   const LineReader reader(layout, line);
-  return {line.number, read_token(reader, now), read_user(reader)};
+  return {line.number, read_token(reader, now), read_user(reader, now)};
 }
 
 }  // namespace
@@ -206,6 +228,7 @@ std::string token_csv_line(const Token& token, const User* user, bool secrets) {
       user == nullptr ? "" : user->name,
       user == nullptr ? "" : user->mail.value_or(""),
       with_pin ? secret(user->pin) : "",
+      user == nullptr ? "" : std::string(state_of(*user)),
   };
   std::vector<std::string> fields;
   for (std::size_t i = 0; i < cells.size(); ++i) {

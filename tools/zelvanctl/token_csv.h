@@ -13,6 +13,8 @@
 //   user     makes a user for the token; at most 19 bytes
 //   mail     of the user
 //   pin      of the user; the code is then followed by it
+//   state    of the user; active when absent or empty, or locked, disabled, "disabled locked"; a lock counts from the
+//            import on
 #pragma once
 
 #include <ctime>

@@ -2,12 +2,9 @@
 
 #include <fcntl.h>
 #include <fmt/core.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -17,12 +14,15 @@
 #include <set>
 
 #include "base/clock.h"
+#include "zelvanctl/draft.h"
 #include "zelvanctl/progress.h"
 #include "zelvanctl/token_csv.h"
 #include "zelvanctl/views.h"
 
 namespace zelvan::ctl {
 namespace {
+
+namespace fs = std::filesystem;
 
 // ---- import
 
@@ -124,31 +124,39 @@ Owners owners_of(Records& records) {
   return owners;
 }
 
+// The file to write, links followed.  Throws Failure (kFailed) when there can be none.
+fs::path export_target(const std::string& name) {
+  std::error_code error;
+  const fs::file_type type = fs::status(name, error).type();
+  // A pipe of the shell (/dev/fd/63) is a link that leads to no name.
+  if (type == fs::file_type::fifo || type == fs::file_type::character) return name;
+  if (type == fs::file_type::not_found && !fs::is_symlink(fs::symlink_status(name, error))) return name;
+  if (type == fs::file_type::regular) return fs::canonical(name);
+  throw Failure(kFailed, fmt::format("cannot write {}: it is neither a file nor a pipe", name));
+}
+
+// Writes into what keeps nothing: a pipe, a terminal.
+void write_stream(const fs::path& target, std::string_view text) {
+  const Descriptor file(open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+  if (file.get() >= 0 && write_all(file.get(), text)) return;
+  throw Failure(kFailed, fmt::format("cannot write {}: {}", target.string(), std::strerror(errno)));
+}
+
 // Writes a file that only its owner may read, and puts it in place as a whole.
-void write_file(const std::string& name, const std::string& text) {
-  const std::string draft = name + ".new";
-  const int descriptor = open(draft.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  const auto fail = [&] {
-    const std::string reason = std::strerror(errno);
-    (void)std::remove(draft.c_str());
-    throw Failure(kFailed, fmt::format("cannot write {}: {}", name, reason));
-  };
-  if (descriptor < 0) throw Failure(kFailed, fmt::format("cannot write {}: {}", draft, std::strerror(errno)));
-  std::string_view rest = text;
-  bool written = fchmod(descriptor, S_IRUSR | S_IWUSR) == 0;
-  while (written && !rest.empty()) {
-    const ssize_t count = write(descriptor, rest.data(), rest.size());
-    written = count > 0;
-    if (written) rest.remove_prefix(static_cast<std::size_t>(count));
+void write_file(const fs::path& target, std::string_view text) {
+  std::error_code error;
+  if (fs::exists(target, error) && !fs::is_regular_file(target, error)) return write_stream(target, text);
+  try {
+    Draft(target, text).replace(false);
+  } catch (const Failure& failure) {
+    throw Failure(kFailed, failure.what());
   }
-  written = written && fsync(descriptor) == 0;
-  written = close(descriptor) == 0 && written;
-  if (!written || std::rename(draft.c_str(), name.c_str()) != 0) fail();
 }
 
 void export_tokens(Context& context, ExportOptions& options) {
   const bool to_file = options.file != "-";
-  if (to_file && std::filesystem::exists(options.file)) context.confirm(fmt::format("Overwrite {}?", options.file));
+  const fs::path target = to_file ? export_target(options.file) : fs::path();
+  if (fs::is_regular_file(target)) context.confirm(fmt::format("Overwrite {}?", options.file));
   const Owners owners = owners_of(context.records());
   const std::vector<Token> tokens = context.records().tokens();
   Json list = Json::array();
@@ -167,7 +175,7 @@ void export_tokens(Context& context, ExportOptions& options) {
   }
   const std::size_t count = list.size();
   if (to_file) {
-    write_file(options.file, csv);
+    write_file(target, csv);
     list = {{"exported", count}, {"file", options.file}};
   }
   context.out.result(list, to_file ? fmt::format("Exported {} tokens to {}.\n", count, options.file) : csv);
@@ -194,7 +202,7 @@ void register_token_files(CLI::App& noun, Context& context) {
                            "  zelvanctl token import - --dry-run < tokens.csv\n"
                            "\n"
                            "The first line names the columns: serial, key, type are demanded; digits, window, step,\n"
-                           "counter, date, user, mail, pin may be there.\n"},
+                           "counter, date, user, mail, pin, state may be there.\n"},
                           declare_import, import_tokens);
   add_verb<ExportOptions>(noun, context,
                           {"export", "Write all tokens as CSV; keys and PINs only with --show-secrets",

@@ -85,7 +85,11 @@ User new_user(const AddOptions& options, const std::string& serial, const std::o
 void store_new_user(Context& context, const User& user, const Token* new_token) {
   try {
     Transaction transaction(context.database());
-    if (new_token != nullptr) context.records().add_token(*new_token);
+    if (new_token != nullptr) {
+      context.records().add_token(*new_token);
+    } else {
+      context.hold_spare(user.serial.value_or(""));
+    }
     context.records().add_user(user);
     transaction.commit();
   } catch (const DatabaseError& error) {
@@ -106,14 +110,13 @@ void add(Context& context, AddOptions& options) {
     throw Failure(kUsage, "--token takes a token as it is; leave out the options of a new one");
   }
   const Token token = spare ? spare_token(context, options.token) : make_token(plan, now_seconds());
+  check_showing(options.enrolment, token, options.name);
   const auto pin = read_pin(options.pin, options.name);
   const User user = new_user(options, token.serial, pin);
   store_new_user(context, user, spare ? nullptr : &token);
   const std::string text = fmt::format("User {} has token {} ({}).\n{}", user.name, token.serial, token_words(token),
                                        pin ? "The password is the code followed by the PIN.\n" : "");
-  const std::string hint = options.enrolment.qr || context.show_secrets || spare
-                               ? ""
-                               : fmt::format("Hand it out with: zelvanctl token qr {}\n", user.name);
+  const std::string hint = options.enrolment.qr || context.show_secrets || spare ? "" : hand_out_hint(token, user.name);
   show_enrolment(context, options.enrolment, token, user.name, user_json(user, now_seconds(), context.show_secrets),
                  text + hint);
 }
@@ -239,7 +242,7 @@ void declare_list(CLI::App& verb, ListOptions& options) {
       ->check(CLI::IsMember({"time", "event", "challenge"}));
   verb.add_option("--unused-since", options.unused_since, "Users without an attempt since then: 30d, 2026-01-31")
       ->type_name("TIME");
-  verb.add_option("--failures", options.failures, "Users with at least so many failures in a row");
+  decimal(verb.add_option("--failures", options.failures, "Users with at least so many failures in a row"), 0, 99);
   verb.add_option("--sort", options.sort, "name (default), last (latest use first), failures (most first), serial")
       ->check(CLI::IsMember({"name", "last", "failures", "serial"}));
   verb.add_flag("--reverse", options.reverse, "Turn the order round");
@@ -309,12 +312,14 @@ void set(Context& context, SetOptions& options) {
   }
   if (pin_wanted && options.no_pin) throw Failure(kUsage, "--no-pin excludes --pin and --pin-value");
   require("--mail", mail_problem(options.mail.value_or("")));
-  (void)context.user(options.name);
+  const User user = context.user(options.name);
   if (!options.token.empty()) (void)spare_token(context, options.token);
   const auto pin = read_pin(options.pin, options.name);
 
   Records& records = context.records();
   Transaction transaction(context.database());
+  context.hold(user);
+  if (!options.token.empty()) context.hold_spare(options.token);
   if (options.mail) {
     records.set_user(options.name, "user_email", options.mail->empty() ? Parameter(nullptr) : Parameter(*options.mail));
   }
@@ -336,9 +341,18 @@ void declare_set(CLI::App& verb, SetOptions& options) {
 
 // ---- lock, unlock, disable, enable, remove
 
+// Changes a user who is there until the change is made.
+template <typename Change>
+void change(Context& context, const std::string& name, Change change_row) {
+  const User user = context.user(name);
+  Transaction transaction(context.database());
+  context.hold(user);
+  change_row(context.records());
+  transaction.commit();
+}
+
 void lock(Context& context, UserOptions& options) {
-  (void)context.user(options.name);
-  context.records().lock_user(options.name, now_seconds());
+  change(context, options.name, [&](Records& records) { records.lock_user(options.name, now_seconds()); });
   done(context, options.name, "lock",
        fmt::format("User {} is locked until ten minutes have passed without an attempt.\n"
                    "To shut the account until you open it again: zelvanctl user disable {}",
@@ -346,21 +360,21 @@ void lock(Context& context, UserOptions& options) {
 }
 
 void unlock(Context& context, UserOptions& options) {
-  (void)context.user(options.name);
-  context.records().unlock_user(options.name);
+  change(context, options.name, [&](Records& records) { records.unlock_user(options.name); });
   done(context, options.name, "unlock",
        fmt::format("User {} is not locked; the failures are forgotten.", options.name));
 }
 
 void disable(Context& context, UserOptions& options) {
-  (void)context.user(options.name);
-  context.records().set_user(options.name, "isdeleted", 1);
-  done(context, options.name, "disable", fmt::format("User {} is disabled.", options.name));
+  change(context, options.name, [&](Records& records) { records.set_user(options.name, "isdeleted", 1); });
+  done(context, options.name, "disable",
+       fmt::format("User {} is disabled.\n"
+                   "The synchronisation service (UDP port 8801) still knows the token: zelvanctl token replace {}",
+                   options.name, options.name));
 }
 
 void enable(Context& context, UserOptions& options) {
-  (void)context.user(options.name);
-  context.records().set_user(options.name, "isdeleted", 0);
+  change(context, options.name, [&](Records& records) { records.set_user(options.name, "isdeleted", 0); });
   done(context, options.name, "enable", fmt::format("User {} is enabled.", options.name));
 }
 
@@ -374,12 +388,12 @@ void remove(Context& context, RemoveOptions& options) {
   const bool with_token = user.serial && !options.keep_token;
   context.confirm(with_token ? fmt::format("Remove user {} and token {}?", user.name, *user.serial)
                              : fmt::format("Remove user {}?", user.name));
+  Records& records = context.records();
   Transaction transaction(context.database());
-  const bool removed = context.records().remove_user(user.name) > 0;
-  if (removed && with_token && !context.records().find_owner(*user.serial))
-    context.records().remove_token(*user.serial);
+  context.hold(user);
+  records.remove_user(user.name);
+  if (with_token && !records.find_owner(*user.serial)) records.remove_token(*user.serial);
   transaction.commit();
-  if (!removed) throw Failure(kNotFound, fmt::format("there is no user {} any more", options.name));
   done(context, options.name, "remove", fmt::format("User {} is removed.", options.name));
 }
 
@@ -396,9 +410,9 @@ void register_simple_verbs(CLI::App& noun, Context& context) {
   add_verb<UserOptions>(noun, context,
                         {"unlock", "Lift a lock and forget the failures", "  zelvanctl user unlock alice\n"}, setup,
                         unlock);
-  add_verb<UserOptions>(
-      noun, context, {"disable", "Hide a user from the server until it is enabled", "  zelvanctl user disable alice\n"},
-      setup, disable);
+  add_verb<UserOptions>(noun, context,
+                        {"disable", "Refuse a user at RADIUS until it is enabled", "  zelvanctl user disable alice\n"},
+                        setup, disable);
   add_verb<UserOptions>(
       noun, context, {"enable", "Let a disabled user log in again", "  zelvanctl user enable alice\n"}, setup, enable);
 }

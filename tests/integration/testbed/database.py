@@ -151,6 +151,7 @@ class Sqlite(Database):
 
     def __init__(self, folder, loose=False, empty=False):
         self.path = folder / "zelvan.db"
+        self.path.touch(0o600)
         self.connection = sqlite3.connect(self.path, timeout=30, isolation_level=None)
         self.connection.execute("pragma journal_mode = wal")
         self.connection.execute("pragma synchronous = normal")

@@ -62,7 +62,10 @@ class Tool:
         return self.json("token", "show", user, "--show-secrets")["key"]
 
     def at_terminal(self, *arguments, answers=(), code=OK, **variables):
-        """Runs a command at a terminal; waits for each prompt of `answers` and types the text.  Returns the screen."""
+        """Runs a command at a terminal; waits for each prompt of `answers` and types the text.  Returns the screen.
+
+        An answer may have a third part: what happens while the prompt waits.
+        """
         keyboard, terminal = pty.openpty()
         environment = {"TERM": "xterm"} | self.environment | variables
         process = subprocess.Popen(self.command(*arguments), env=environment, stdin=terminal, stdout=terminal,
@@ -82,7 +85,10 @@ class Tool:
                 break
             screen += part
             if answers and screen.decode(errors="replace").endswith(answers[0][0]):
-                os.write(keyboard, answers.pop(0)[1].encode() + b"\n")
+                _, answer, *meanwhile = answers.pop(0)
+                for action in meanwhile:
+                    action()
+                os.write(keyboard, answer.encode() + b"\n")
         os.close(keyboard)
         text = screen.decode()
         assert process.wait(PATIENCE) == code, text

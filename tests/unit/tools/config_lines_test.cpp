@@ -105,3 +105,9 @@ TEST(EditObstacle, LongLinesNulBytesAndMarksStopAnEdit) {
   EXPECT_THAT(obstacle(std::string("[s]\na=1\0\n", 9)), HasSubstr("NUL"));
   EXPECT_THAT(obstacle("\xEF\xBB\xBF[s]\n"), HasSubstr("byte order mark"));
 }
+
+// The writer takes it for a comment, which has a line feed of its own.
+TEST(ConfigLines, AKeyThatStandsForCommentsForbidsAnEdit) {
+  EXPECT_THAT(obstacle("[s]\na=1\ncomment_t=hello\nb=2\n"), HasSubstr("line 3 has the key comment_t"));
+  EXPECT_THAT(obstacle("[s]\ncomment_tt=1\n;comment_t=1\n"), IsEmpty());
+}

@@ -112,6 +112,19 @@ TEST_F(ConfigWrite, AWriteThatFailsLeavesTheFileAndNothingElse) {
   EXPECT_EQ(text(), "[s]\n");
 }
 
+TEST_F(ConfigWrite, AFileThatChangedBeforeTheEditIsLeftAlone) {
+  write("[s]\nother=1\n");
+  EXPECT_EQ(code_of([&] { edit_settings(file_, "[s]\n", [](CConfigFile&) { FAIL(); }); }), kRefused);
+  EXPECT_EQ(text(), "[s]\nother=1\n");
+}
+
+TEST_F(ConfigWrite, WhatIsNoRegularFileIsLeftAlone) {
+  const fs::path pipe = folder_ / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_EQ(code_of([&] { edit_settings(pipe, "", [](CConfigFile&) { FAIL(); }); }), kRefused);
+  EXPECT_TRUE(fs::is_fifo(pipe));
+}
+
 TEST_F(ConfigWrite, AMissingFileIsTold) {
   EXPECT_EQ(code_of([&] { (void)read_bytes(file_); }), kUnreachable);
 }

@@ -35,6 +35,8 @@ TEST(NextAttempt, ADisabledUserIsRefused) {
   User user = good_user();
   user.deleted = Number{2};
   EXPECT_TRUE(attempt_of(user).refused());
+  ASSERT_EQ(attempt_of(user).remarks.size(), 1U);
+  EXPECT_NE(attempt_of(user).remarks.front().find("8801"), std::string::npos);
 }
 
 TEST(NextAttempt, ALockHoldsForFiveHundredNinetyNineSeconds) {
@@ -84,10 +86,13 @@ TEST(NextAttempt, FailuresAreForgottenAfterTenMinutes) {
   EXPECT_TRUE(attempt_of(user).remarks.empty());
 }
 
-TEST(NextAttempt, ATimeInTheFutureIsTold) {
+TEST(NextAttempt, ATimeMoreThanAStepInTheFutureIsRefused) {
   Token token = good_token(kTimeToken);
-  token.date = time_text(kNow + 100);
-  EXPECT_EQ(attempt_of(good_user(), token).remarks.size(), 1U);
+  token.date = time_text(kNow + 30);
+  EXPECT_FALSE(attempt_of(good_user(), token).refused());
+  EXPECT_TRUE(attempt_of(good_user(), token).remarks.empty());
+  token.date = time_text(kNow + 31);
+  EXPECT_TRUE(attempt_of(good_user(), token).refused());
 }
 
 TEST(NextAttempt, APendingChallengeIsTold) {

@@ -56,3 +56,19 @@ TEST(Otpauth, NamesAreEncoded) {
   EXPECT_TRUE(uri.reveal().starts_with("otpauth://totp/My%20VPN:o%27neil%40x?"));
   EXPECT_NE(uri.reveal().find("&issuer=My%20VPN&"), std::string::npos);
 }
+
+TEST(Otpauth, ATokenBesideTheClockDoesNotSuitApps) {
+  Token token = token_of(kTimeToken);
+  const std::uint64_t clock = 1767225600 / 30;  // 2026-01-01
+  const auto suits = [&](std::uint64_t counter) {
+    token.set_counter(counter);
+    return app_problem(token).empty();
+  };
+  EXPECT_TRUE(suits(clock));
+  EXPECT_TRUE(suits(clock - 4));  // the last code of the window
+  EXPECT_FALSE(suits(clock - 5));
+  EXPECT_TRUE(suits(clock + 6));  // the first one, late in the step
+  EXPECT_FALSE(suits(clock + 7));
+  EXPECT_FALSE(suits(0));
+  EXPECT_FALSE(suits(~std::uint64_t{0}));
+}

@@ -54,3 +54,55 @@ TEST(Resync, TheExpectedFactorStandsStillAfterSixtyEightYears) {
   EXPECT_EQ(expected_factor(0, 0, 30, 2147483647), 71582788U);
   EXPECT_EQ(expected_factor(0, 0, 30, 3000000000), 71582788U);
 }
+
+TEST(Resync, ReadingsTellWhenTheStepBegan) {
+  EXPECT_EQ(reading_of_clock(30, 3019).factor, 100U);
+  EXPECT_EQ(reading_of_clock(30, 3019).since, 3000);
+  EXPECT_EQ(reading_of_row(7, 1005, 30, 1064).factor, 8U);
+  EXPECT_EQ(reading_of_row(7, 1005, 30, 1064).since, 1035);
+  EXPECT_EQ(reading_of_row(7, 2000, 30, 1064).factor, 7U);  // a time in the future
+  EXPECT_EQ(reading_of_row(7, 2000, 30, 1064).since, 1064);
+}
+
+TEST(Resync, TheNearerReadingCounts) {
+  EXPECT_EQ(nearer_reading({100, 1}, {90, 2}, 96).since, 1);
+  EXPECT_EQ(nearer_reading({100, 1}, {90, 2}, 94).since, 2);
+  EXPECT_EQ(nearer_reading({100, 1}, {90, 2}, 95).since, 1);
+}
+
+TEST(Resync, CodesBehindTheWindowHaveNoDate) {
+  EXPECT_TRUE(resync_date(90, {100, 3000}, 10, 30));
+  EXPECT_FALSE(resync_date(89, {100, 3000}, 10, 30));
+  EXPECT_TRUE(resync_date(kMost - 1, {100, 3000}, 10, 30));
+}
+
+namespace {
+
+// Whether the server takes a factor `steps` after the beginning of the present step, as it advances and searches.
+bool in_window(std::uint64_t counter, std::int64_t date, std::int64_t now, std::int64_t window, std::uint64_t factor) {
+  const std::int64_t steps = (now - date) / 30;
+  if (steps >= window / 2) counter += static_cast<std::uint64_t>(steps - window / 2);
+  return factor >= counter && factor < counter + static_cast<std::uint64_t>(window);
+}
+
+}  // namespace
+
+// The token shows the expected step, or it has just shown `last` and goes on from there.
+TEST(Resync, BothReadingsOfOldCodesStayWithinTheWindow) {
+  constexpr std::int64_t kSince = 1'800'000'000;
+  for (std::int64_t window = 1; window <= 12; ++window) {
+    for (std::int64_t behind = 0; behind <= window; ++behind) {
+      const std::uint64_t last = 500;
+      const auto expected = last + static_cast<std::uint64_t>(behind);
+      const auto date = resync_date(last, {expected, kSince}, window, 30);
+      ASSERT_TRUE(date);
+      EXPECT_LE(*date, kSince + 30);
+      for (std::uint64_t later = 1; later < 100; ++later) {
+        const std::int64_t now = kSince + static_cast<std::int64_t>(later) * 30 + 7;
+        EXPECT_TRUE(in_window(last + 1, *date, now, window, expected + later)) << window << " " << behind;
+        if (behind == window) continue;
+        EXPECT_TRUE(in_window(last + 1, *date, now, window, last + later)) << window << " " << behind;
+      }
+    }
+  }
+}

@@ -115,3 +115,31 @@ TEST(TokenCsv, WhatIsExportedIsImportedAgain) {
   EXPECT_EQ(back.user->pin->reveal(), "a,\"b");
   EXPECT_EQ(back.user->mail, user.mail);
 }
+
+TEST(TokenCsv, StatesAreRead) {
+  const std::string titles = "serial,key,type,user,state";
+  const auto user = [&](const std::string& state) {
+    const TokenImport import = parse(titles + "\nA," + kKey + ",1,bob," + state + "\n");
+    return import.bad_lines.empty() ? import.tokens.front().user : std::nullopt;
+  };
+  for (const char* state : {"", "active", "locked", "disabled", "disabled locked"}) {
+    const auto read = user(state);
+    ASSERT_TRUE(read) << state;
+    const std::string_view text(state);
+    EXPECT_EQ(read->is_locked(), text.ends_with("locked"));
+    EXPECT_EQ(read->is_disabled(), text.starts_with("disabled"));
+    EXPECT_EQ(read->last_use.has_value(), read->is_locked());
+  }
+  EXPECT_FALSE(user("gone"));
+  EXPECT_FALSE(user("locked disabled"));
+  EXPECT_EQ(reason(titles, "A," + kKey + ",1,,locked"), "mail, pin or state without a user");
+}
+
+TEST(TokenCsv, StatesAreWritten) {
+  User user = good_user();
+  user.locked = Number{1};
+  user.deleted = Number{1};
+  const TokenImport import = parse(token_csv_titles(true) + token_csv_line(good_token(), &user, true));
+  ASSERT_TRUE(import.bad_lines.empty()) << import.bad_lines.front().reason;
+  EXPECT_TRUE(import.tokens.front().user->is_locked() && import.tokens.front().user->is_disabled());
+}
