@@ -446,13 +446,14 @@ class TestFiles:
             (folder / "k.csv").unlink(missing_ok=True)
 
     def test_what_a_killed_export_has_left_is_swept(self, tool, tmp_path):
-        left, young, other = (tmp_path / name for name in (".k.csv.aaaaaa", ".k.csv.bbbbbb", ".other.aaaaaa"))
-        for path in (left, young, other):
+        names = (".k.csv.draft-aaaaaa", ".k.csv.draft-bbbbbb", ".other.draft-aaaaaa", ".k.csv.backup")
+        left, young, other, own = (tmp_path / name for name in names)
+        for path in (left, young, other, own):
             path.write_text("secret")
-        for path in (left, other):
+        for path in (left, other, own):
             os.utime(path, (1, 1))
         tool.run("token", "export", str(tmp_path / "k.csv"))
-        assert not left.exists() and young.exists() and other.exists()
+        assert not left.exists() and young.exists() and other.exists() and own.exists()
 
     def test_the_progress_bar_shows_at_a_terminal_only(self, tool, tmp_path):
         lines = "".join(f"P-{number},{KEY},event\n" for number in range(50))

@@ -202,7 +202,7 @@ void doctor(Context& context, DoctorOptions& options) {
   const bool reachable = load_database_login(context.settings().file(), login) &&
                          check_data_source(context.settings(), kProbePatience).empty();
   // First, since a server that answers runs, also when this user may not see its process.
-  const Step probe = guarded("probe", [&] { return probe_loopback(context); });
+  Step probe = guarded("probe", [&] { return probe_loopback(context); });
   const bool answers = probe.findings.empty();
   const std::vector<std::pair<std::string, std::function<Step()>>> looks{
       {"settings",

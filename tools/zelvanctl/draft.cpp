@@ -25,7 +25,7 @@ constexpr std::string_view kSixLetters = "XXXXXX";
 fs::path folder_of(const fs::path& file) { return file.has_parent_path() ? file.parent_path() : fs::path("."); }
 
 // What the names of the drafts for a file begin with.
-std::string stem_of(const fs::path& target) { return "." + target.filename().string() + "."; }
+std::string stem_of(const fs::path& target) { return "." + target.filename().string() + ".draft-"; }
 
 }  // namespace
 

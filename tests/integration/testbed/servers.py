@@ -4,6 +4,7 @@ The servers of the system are neither used nor touched.  What a server holds is 
 disk.  A server ends with the thread that started it, also when that one is killed.
 """
 
+import contextlib
 import os
 import pwd
 import shutil
@@ -76,8 +77,14 @@ class Server:
 
     def pause(self, paused):
         """Makes every process of the server stand still, or go on."""
-        for pid in [self.process.pid, *children(self.process.pid)]:
-            os.kill(pid, signal.SIGSTOP if paused else signal.SIGCONT)
+        pids = [self.process.pid, *children(self.process.pid)]
+        for pid in pids:
+            with contextlib.suppress(ProcessLookupError):  # a child has just ended
+                os.kill(pid, signal.SIGSTOP if paused else signal.SIGCONT)
+        deadline = time.monotonic() + PATIENCE
+        while paused and not all(map(stands_still, pids)):  # on a busy machine one may answer before it stops
+            assert time.monotonic() < deadline, "the server goes on"
+            time.sleep(0.01)
 
     def give(self, path):
         """Lets the server's user own a file."""
@@ -88,6 +95,15 @@ class Server:
         if self.process is not None:
             self.stop()
         shutil.rmtree(self.folder, ignore_errors=True)
+
+
+def stands_still(pid):
+    """Whether every thread of a process is stopped, or has ended and waits for its parent (proc(5), field 3)."""
+    try:
+        threads = [path.read_text() for path in Path(f"/proc/{pid}/task").glob("*/stat")]
+    except OSError:  # one has just ended: the next look tells
+        return False
+    return all(thread.rsplit(")", 1)[1].split()[0] in "TZX" for thread in threads)
 
 
 def children(pid):
