@@ -130,32 +130,20 @@ class TestPins:
         assert "typed-pin" not in screen
         assert db.run("select pin from userinfo where username = 'pin3'")[0][0] == "typed-pin"
 
-    def test_an_interrupt_at_the_prompt_turns_the_echo_on_again(self, db, tool):
+    @pytest.mark.parametrize("typed", [b"", b"typed\x04"])  # Ctrl-D hands over what is typed so far
+    def test_an_interrupt_at_the_prompt_turns_the_echo_on_again(self, db, tool, typed):
         keyboard, terminal = pty.openpty()
         process = subprocess.Popen(tool.command("user", "add", "pin6", "--pin"), env=tool.environment,
                                    stdin=terminal, stdout=terminal, stderr=terminal)
         wait_until(lambda: not termios.tcgetattr(terminal)[3] & termios.ECHO, "the prompt without echo")
+        os.write(keyboard, typed)
+        wait_until(lambda: unread(terminal) == 0, "what is typed is read")
         process.send_signal(signal.SIGINT)
         assert process.wait(60) == -signal.SIGINT
         assert termios.tcgetattr(terminal)[3] & termios.ECHO
         os.close(keyboard)
         os.close(terminal)
         assert db.run("select * from userinfo where username = 'pin6'") == []
-
-    def test_an_interrupt_after_a_part_of_the_line(self, db, tool):
-        """Ctrl-D hands over what is typed so far, without a line feed."""
-        keyboard, terminal = pty.openpty()
-        process = subprocess.Popen(tool.command("user", "add", "pin7", "--pin"), env=tool.environment,
-                                   stdin=terminal, stdout=terminal, stderr=terminal)
-        wait_until(lambda: not termios.tcgetattr(terminal)[3] & termios.ECHO, "the prompt without echo")
-        os.write(keyboard, b"typed\x04")
-        wait_until(lambda: unread(terminal) == 0, "the part of the line is read")
-        process.send_signal(signal.SIGINT)
-        assert process.wait(20) == -signal.SIGINT
-        assert termios.tcgetattr(terminal)[3] & termios.ECHO
-        os.close(keyboard)
-        os.close(terminal)
-        assert db.run("select * from userinfo where username = 'pin7'") == []
 
     def test_a_line_in_parts_is_one_line(self, db, tool):
         tool.at_terminal("user", "add", "pin8", "--pin", answers=[("PIN for pin8: ", "ty\x04ped"), ("Again: ", "typed")])
